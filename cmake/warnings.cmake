@@ -1,0 +1,3 @@
+function(qnbrl_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
+endfunction()

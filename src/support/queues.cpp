@@ -1,0 +1,133 @@
+#include "support/queues.hpp"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include <future>
+#include <thread>
+
+namespace qnbrl {
+namespace {
+
+thread_local const void* t_current_queue = nullptr;
+
+struct Main {
+  boost::asio::io_context ioc{1};
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard{ioc.get_executor()};
+  std::thread::id thread_id;
+  Main() {
+    std::promise<std::thread::id> started;
+    auto id = started.get_future();
+    std::thread([this, &started] {
+      started.set_value(std::this_thread::get_id());
+      for (;;) {
+        try {
+          ioc.run();
+          break;
+        } catch (...) {
+          // A throwing handler must not stop the loop; callbacks into the app are guarded where they
+          // are made, this is the last line of defence.
+        }
+      }
+    }).detach();
+    thread_id = id.get();
+  }
+};
+
+// Created on first use and never destroyed: nothing depends on static destruction order at exit.
+Main& main_loop() {
+  static auto* m = new Main();
+  return *m;
+}
+
+}  // namespace
+
+boost::asio::io_context& MainQueue::context() { return main_loop().ioc; }
+boost::asio::any_io_executor MainQueue::executor() { return main_loop().ioc.get_executor(); }
+bool MainQueue::isCurrent() { return std::this_thread::get_id() == main_loop().thread_id; }
+void MainQueue::async(std::function<void()> fn) { boost::asio::post(main_loop().ioc, std::move(fn)); }
+
+void MainQueue::sync(const std::function<void()>& fn) {
+  if (isCurrent()) {
+    fn();
+    return;
+  }
+  std::promise<void> done;
+  boost::asio::post(main_loop().ioc, [&] {
+    fn();
+    done.set_value();
+  });
+  done.get_future().wait();
+}
+
+boost::asio::any_io_executor backgroundExecutor() {
+  static auto* pool = new boost::asio::thread_pool(2);
+  return pool->get_executor();
+}
+
+std::shared_ptr<SerialQueue> SerialQueue::create(std::string label) {
+  return std::shared_ptr<SerialQueue>(new SerialQueue(std::move(label)));
+}
+
+void SerialQueue::async(std::function<void()> task) {
+  asyncWaiting([task = std::move(task)](std::function<void()> done) {
+    task();
+    done();
+  });
+}
+
+void SerialQueue::asyncWaiting(WaitingTask task) {
+  std::lock_guard lock(mutex_);
+  tasks_.push_back(std::move(task));
+  if (!running_) {
+    running_ = true;
+    schedule();
+  }
+}
+
+void SerialQueue::sync(const std::function<void()>& task) {
+  std::promise<void> done;
+  async([&] {
+    task();
+    done.set_value();
+  });
+  done.get_future().wait();
+}
+
+void SerialQueue::cancelPending() {
+  std::lock_guard lock(mutex_);
+  tasks_.clear();
+}
+
+bool SerialQueue::isCurrent() const { return t_current_queue == this; }
+
+void SerialQueue::schedule() {
+  boost::asio::post(backgroundExecutor(), [self = shared_from_this()] { self->runNext(); });
+}
+
+void SerialQueue::runNext() {
+  WaitingTask task;
+  {
+    std::lock_guard lock(mutex_);
+    if (tasks_.empty()) {
+      running_ = false;
+      return;
+    }
+    task = std::move(tasks_.front());
+    tasks_.pop_front();
+  }
+  auto finished = std::make_shared<std::once_flag>();
+  auto done = [self = shared_from_this(), finished] {
+    std::call_once(*finished, [&] { self->schedule(); });
+  };
+  t_current_queue = this;
+  try {
+    task(done);
+  } catch (...) {
+    done();
+  }
+  t_current_queue = nullptr;
+}
+
+}  // namespace qnbrl

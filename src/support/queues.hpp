@@ -1,0 +1,57 @@
+#pragma once
+// The library's execution contexts. The main queue is one process-wide event-loop thread that runs
+// socket I/O, time-outs, completions and delegate calls. Serial queues run tasks one at a time, in
+// order, on a small shared pool, so ten thousand clients do not mean ten thousand threads.
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/io_context.hpp>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace qnbrl {
+
+class MainQueue {
+ public:
+  static boost::asio::io_context& context();
+  static boost::asio::any_io_executor executor();
+  static bool isCurrent();
+  static void async(std::function<void()> fn);
+  // Runs fn on the main queue and waits for it; runs inline when already there.
+  static void sync(const std::function<void()>& fn);
+};
+
+// The shared worker pool behind every serial queue and the HTTP session.
+boost::asio::any_io_executor backgroundExecutor();
+
+class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
+ public:
+  // A task that holds the queue until it calls `done` (e.g. while it waits for an HTTP answer or a
+  // pause); everything queued behind it waits, but no thread is blocked.
+  using WaitingTask = std::function<void(std::function<void()> done)>;
+
+  static std::shared_ptr<SerialQueue> create(std::string label);
+
+  const std::string& label() const { return label_; }
+  void async(std::function<void()> task);
+  void asyncWaiting(WaitingTask task);
+  // Runs task after everything queued so far and waits for it. Never call it from the queue itself.
+  void sync(const std::function<void()>& task);
+  // Drops every task not yet started; the running one finishes.
+  void cancelPending();
+  bool isCurrent() const;
+
+ private:
+  explicit SerialQueue(std::string label) : label_(std::move(label)) {}
+  void schedule();
+  void runNext();
+
+  std::string label_;
+  std::mutex mutex_;
+  std::deque<WaitingTask> tasks_;
+  bool running_ = false;
+};
+
+}  // namespace qnbrl
