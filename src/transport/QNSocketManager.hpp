@@ -1,0 +1,87 @@
+#pragma once
+// The one signalling connection of a client: created per tavern server URL, connected with a
+// time-out, and turning every server event into one call on the message delegate.
+#include "socketio/client.hpp"
+#include "transport/QNBRLResult.hpp"
+
+#include <boost/json/object.hpp>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace qnbrl {
+
+class QNSocketManager;
+
+// Connection-level notices. An empty member is a method the delegate does not implement.
+struct QNSocketManagerDelegate {
+  std::function<void(QNSocketManager&, const boost::json::array&)> onConnectTimeout;
+  std::function<void(QNSocketManager&, const std::shared_ptr<sio::Socket>&)> onSocketChange;
+};
+
+// One member per server event; each gets the event's data list untouched (binary attachments in
+// the payload's buffers).
+struct QNSocketMessageDelegate {
+  using Handler = std::function<void(QNSocketManager&, const sio::Payload&)>;
+  Handler onDisconnect;
+  Handler onDisconnectReason;
+  Handler onLoginSuccess;
+  Handler onChannelAttributesUpdated;
+  Handler onPeersOnlineStatusChanged;
+  Handler onPeersUserAttributesChanged;
+  Handler onMessageToPeerReceived;
+  Handler onInvitationNotify;
+  Handler onChannelMemberCount;
+  Handler onMemberJoined;
+  Handler onMemberLeft;
+  Handler onChannelMessageReceived;
+};
+
+class QNSocketManager : public std::enable_shared_from_this<QNSocketManager> {
+ public:
+  static constexpr std::chrono::seconds kConnectTimeout{6};
+  static constexpr std::chrono::seconds kCommandTimeout{6};
+  static constexpr std::chrono::seconds kSlowCommandTimeout{10};
+
+  static std::shared_ptr<QNSocketManager> create();
+
+  void setDelegate(std::weak_ptr<QNSocketManagerDelegate> delegate);
+  void setMessageDelegate(std::weak_ptr<QNSocketMessageDelegate> delegate);
+
+  // Replaces any previous connection (dropped without a "disconnect" event) and returns the new
+  // socket, not yet connected. Config keys: "compress", "forceWebsockets", "connectParams".
+  std::shared_ptr<sio::Socket> createSocketWithUrl(const std::string& url, const boost::json::object& config);
+  void connect();
+  void disconnect();
+  // Disconnects and drops the connection; url() and config() keep their last values.
+  void destroy();
+  void registerCallback();
+
+  std::weak_ptr<sio::Socket> socket() const;
+  std::string url() const;
+  boost::json::object config() const;
+
+  // The request convention: emits "command" with [name, payload] and waits 6 seconds for the
+  // acknowledgement (10 for "clearLocalUserAttributes"); the completion gets the decoded result, or
+  // a "NO ACK" one after the time-out. Without a socket nothing is sent and nothing is called.
+  // Binary values in the payload are placeholders indexing `attachments`.
+  void command(const std::string& name, boost::json::object payload,
+               std::function<void(const QNBRLResult&)> completion, std::vector<sio::BufferPtr> attachments = {});
+  static std::chrono::milliseconds commandTimeout(const std::string& name);
+
+ private:
+  QNSocketManager() = default;
+
+  mutable std::mutex mutex_;
+  std::weak_ptr<QNSocketManagerDelegate> delegate_;
+  std::weak_ptr<QNSocketMessageDelegate> message_delegate_;
+  std::unique_ptr<sio::Manager> manager_;
+  std::weak_ptr<sio::Socket> socket_;
+  std::string url_;
+  boost::json::object config_;
+};
+
+}  // namespace qnbrl
