@@ -1,0 +1,408 @@
+#include "socketio/codec.hpp"
+
+#include <boost/json/object.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serializer.hpp>
+#include <boost/url/parse.hpp>
+#include <boost/url/url_view.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+
+namespace sio {
+
+namespace json = boost::json;
+
+namespace {
+
+template <class T>
+Result<T> ok(T value) {
+  return Result<T>{std::move(value), {}};
+}
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// Hostile nesting must not exhaust the stack of the parser or of the walks over the parsed value.
+constexpr std::size_t kMaxJsonDepth = 64;
+
+std::optional<json::value> parseJson(std::string_view text) {
+  json::parse_options options;
+  options.max_depth = kMaxJsonDepth;
+  boost::system::error_code ec;
+  json::value v = json::parse(json::string_view(text.data(), text.size()), ec, {}, options);
+  if (ec) return std::nullopt;
+  return v;
+}
+
+// Serializes straight into the tail of `out`, growing it as the serializer asks for room.
+template <class T>
+void appendJson(std::string& out, const T& v) {
+  json::serializer sr;
+  sr.reset(&v);
+  while (!sr.done()) {
+    const std::size_t used = out.size();
+    out.resize(std::max(out.capacity(), used + 64));
+    out.resize(used + sr.read(out.data() + used, out.size() - used).size());
+  }
+}
+
+void appendNumber(std::string& out, std::uint64_t n) {
+  char digits[20];
+  const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
+  out.append(digits, end);
+}
+
+// A JSON integer in [1, max], or nothing.
+std::optional<std::uint64_t> positiveInteger(const json::value& v, std::uint64_t max) {
+  std::uint64_t n = 0;
+  if (const auto* i = v.if_int64()) {
+    if (*i <= 0) return std::nullopt;
+    n = static_cast<std::uint64_t>(*i);
+  } else if (const auto* u = v.if_uint64()) {
+    n = *u;
+  } else {
+    return std::nullopt;
+  }
+  if (n == 0 || n > max) return std::nullopt;
+  return n;
+}
+
+// Every object marked as a placeholder must point at one of the packet's attachments.
+bool placeholdersValid(const json::value& v, std::size_t count) {
+  if (const auto* arr = v.if_array()) {
+    return std::all_of(arr->begin(), arr->end(),
+                       [&](const json::value& e) { return placeholdersValid(e, count); });
+  }
+  const auto* obj = v.if_object();
+  if (!obj) return true;
+  const auto* flag = obj->if_contains("_placeholder");
+  if (flag && flag->is_bool() && flag->get_bool()) return isPlaceholder(v, count);
+  return std::all_of(obj->begin(), obj->end(),
+                     [&](const json::key_value_pair& e) { return placeholdersValid(e.value(), count); });
+}
+
+const char* payloadError(PacketType type, const json::value* payload) {
+  switch (type) {
+    case PacketType::Connect:
+      return !payload || payload->is_object() ? nullptr : "CONNECT payload is not an object";
+    case PacketType::Disconnect:
+      return payload ? "DISCONNECT carries a payload" : nullptr;
+    case PacketType::Event:
+    case PacketType::BinaryEvent: {
+      const auto* args = payload ? payload->if_array() : nullptr;
+      if (!args || args->empty()) return "EVENT payload is not a non-empty array";
+      const auto& name = args->front();
+      if (name.is_number()) return nullptr;
+      if (!name.is_string()) return "event name is neither a string nor a number";
+      const auto& s = name.get_string();
+      return isReservedEventName(std::string_view(s.data(), s.size())) ? "reserved event name" : nullptr;
+    }
+    case PacketType::Ack:
+    case PacketType::BinaryAck:
+      return payload && payload->is_array() ? nullptr : "ACK payload is not an array";
+    case PacketType::ConnectError: {
+      if (payload && payload->is_string()) return nullptr;
+      const auto* obj = payload ? payload->if_object() : nullptr;
+      const auto* message = obj ? obj->if_contains("message") : nullptr;
+      return message && message->is_string() ? nullptr : "CONNECT_ERROR payload has no message";
+    }
+  }
+  return "unknown packet type";
+}
+
+// The text frame's head: '4', the packet type, and the attachment count for binary packets.
+std::string packetHead(PacketType plain, PacketType binary, std::size_t attachments) {
+  std::string text;
+  text.reserve(128);
+  text += '4';
+  if (attachments == 0) {
+    text += static_cast<char>('0' + static_cast<int>(plain));
+  } else {
+    text += static_cast<char>('0' + static_cast<int>(binary));
+    appendNumber(text, attachments);
+    text += '-';
+  }
+  return text;
+}
+
+Frames encodeArgs(PacketType plain, PacketType binary, std::optional<std::uint64_t> id,
+                  const Payload& payload) {
+  Frames out{packetHead(plain, binary, payload.buffers.size()), payload.buffers};
+  if (id) appendNumber(out.text, *id);
+  appendJson(out.text, payload.args);
+  return out;
+}
+
+bool isUnreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || isDigit(static_cast<char>(c)) || c == '-' ||
+         c == '.' || c == '_' || c == '~';
+}
+
+// Percent-encodes all but the RFC 3986 unreserved characters, so '+', '&', '=' and space survive
+// any server-side query parser.
+void appendEncoded(std::string& out, std::string_view s) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  for (const char ch : s) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (isUnreserved(c)) {
+      out += ch;
+    } else {
+      const char escaped[3] = {'%', kHex[c >> 4], kHex[c & 15]};
+      out.append(escaped, 3);
+    }
+  }
+}
+
+bool isReservedQueryKey(std::string_view key) {
+  return key == "EIO" || key == "transport" || key == "sid" || key == "t" || key == "j" || key == "b64";
+}
+
+// A path we can put verbatim into the request line.
+bool isPlainPath(std::string_view path) {
+  return !path.empty() && path.front() == '/' && std::all_of(path.begin(), path.end(), [](char c) {
+    return c > ' ' && c < 127 && c != '?' && c != '#';
+  });
+}
+
+}  // namespace
+
+json::value makePlaceholder(std::size_t num) {
+  return json::object{{"_placeholder", true}, {"num", static_cast<std::uint64_t>(num)}};
+}
+
+bool isPlaceholder(const json::value& v, std::size_t buffer_count) {
+  const auto* obj = v.if_object();
+  if (!obj) return false;
+  const auto* flag = obj->if_contains("_placeholder");
+  const auto* num = obj->if_contains("num");
+  if (!flag || !flag->is_bool() || !flag->get_bool() || !num) return false;
+  if (const auto* i = num->if_int64()) return *i >= 0 && static_cast<std::uint64_t>(*i) < buffer_count;
+  if (const auto* u = num->if_uint64()) return *u < buffer_count;
+  return false;
+}
+
+namespace engine {
+
+Result<TextPacket> decodeText(std::string_view frame) {
+  if (frame.empty()) return Result<TextPacket>::fail("empty Engine.IO packet");
+  if (frame.front() < '0' || frame.front() > '6')
+    return Result<TextPacket>::fail("unknown Engine.IO packet type");
+  return ok(TextPacket{static_cast<Type>(frame.front()), frame.substr(1)});
+}
+
+Result<Handshake> decodeHandshake(std::string_view text) {
+  using R = Result<Handshake>;
+  auto parsed = parseJson(text);
+  if (!parsed) return R::fail("open packet is not valid JSON");
+  const auto* obj = parsed->if_object();
+  if (!obj) return R::fail("open packet is not a JSON object");
+  const auto* sid = obj->if_contains("sid");
+  if (!sid || !sid->is_string() || sid->get_string().empty()) return R::fail("open packet has no sid");
+  // Timer periods above 2^31-1 ms are broken in the reference clients too; the bound also keeps
+  // pingInterval + pingTimeout far from overflowing.
+  constexpr std::uint64_t kMaxPeriod = std::numeric_limits<std::int32_t>::max();
+  const auto* interval = obj->if_contains("pingInterval");
+  const auto* timeout = obj->if_contains("pingTimeout");
+  const auto interval_ms = interval ? positiveInteger(*interval, kMaxPeriod) : std::nullopt;
+  const auto timeout_ms = timeout ? positiveInteger(*timeout, kMaxPeriod) : std::nullopt;
+  if (!interval_ms || !timeout_ms) return R::fail("open packet has no valid pingInterval/pingTimeout");
+  Handshake hs{std::string(sid->get_string()), std::chrono::milliseconds(*interval_ms),
+               std::chrono::milliseconds(*timeout_ms), std::nullopt};
+  if (const auto* max_payload = obj->if_contains("maxPayload")) {
+    const auto n = positiveInteger(*max_payload, std::numeric_limits<std::size_t>::max());
+    if (!n) return R::fail("open packet has an invalid maxPayload");
+    hs.max_payload = static_cast<std::size_t>(*n);
+  }
+  return ok(std::move(hs));
+}
+
+}  // namespace engine
+
+Frames encodeConnect(const json::object* auth) {
+  Frames out{"40", {}};
+  if (auth) appendJson(out.text, *auth);
+  return out;
+}
+
+Frames encodeDisconnect() {
+  return Frames{"41", {}};
+}
+
+Frames encodeEvent(const Payload& payload, std::optional<std::uint64_t> ack_id) {
+  return encodeArgs(PacketType::Event, PacketType::BinaryEvent, ack_id, payload);
+}
+
+Frames encodeAck(std::uint64_t ack_id, const Payload& payload) {
+  return encodeArgs(PacketType::Ack, PacketType::BinaryAck, ack_id, payload);
+}
+
+bool isReservedEventName(std::string_view name) {
+  return name == "connect" || name == "connect_error" || name == "disconnect" || name == "disconnecting" ||
+         name == "newListener" || name == "removeListener";
+}
+
+Result<Decoder::Output> Decoder::onText(std::string_view data) {
+  using R = Result<Output>;
+  if (pending_) {
+    reset();
+    return R::fail("text packet before all attachments arrived");
+  }
+  if (data.empty() || data.front() < '0' || data.front() > '6')
+    return R::fail("unknown Socket.IO packet type");
+  Packet packet;
+  packet.type = static_cast<PacketType>(data.front() - '0');
+  std::size_t i = 1;
+
+  std::size_t count = 0;
+  const bool binary = packet.type == PacketType::BinaryEvent || packet.type == PacketType::BinaryAck;
+  if (binary) {
+    const std::size_t start = i;
+    for (; i < data.size() && isDigit(data[i]); ++i) {
+      count = count * 10 + static_cast<std::size_t>(data[i] - '0');
+      if (count > kMaxAttachments) return R::fail("too many attachments");
+    }
+    if (i == start || i == data.size() || data[i] != '-') return R::fail("bad attachment count");
+    ++i;
+  }
+
+  if (i < data.size() && data[i] == '/') {
+    const std::size_t comma = data.find(',', i);
+    const std::size_t end = comma == std::string_view::npos ? data.size() : comma;
+    packet.nsp.assign(data.substr(i, end - i));
+    i = comma == std::string_view::npos ? end : comma + 1;
+  }
+
+  if (i < data.size() && isDigit(data[i])) {
+    std::uint64_t id = 0;
+    for (; i < data.size() && isDigit(data[i]); ++i) {
+      const auto digit = static_cast<std::uint64_t>(data[i] - '0');
+      if (id > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) return R::fail("ack id overflows");
+      id = id * 10 + digit;
+    }
+    packet.id = id;
+  }
+  if ((packet.type == PacketType::Ack || packet.type == PacketType::BinaryAck) && !packet.id) {
+    return R::fail("ACK without an id");
+  }
+
+  if (i < data.size()) {
+    auto payload = parseJson(data.substr(i));
+    if (!payload) return R::fail("payload is not valid JSON");
+    packet.data = std::move(*payload);
+  }
+  if (const char* why = payloadError(packet.type, packet.data.is_null() ? nullptr : &packet.data)) {
+    return R::fail(why);
+  }
+
+  if (binary) {
+    if (!placeholdersValid(packet.data, count)) return R::fail("illegal attachment placeholder");
+    if (count > 0) {
+      packet.buffers.reserve(count);
+      pending_ = std::move(packet);
+      expected_ = count;
+      return ok(Output{});
+    }
+  }
+  return ok(Output{std::move(packet)});
+}
+
+Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
+  using R = Result<Output>;
+  if (!pending_) return R::fail("binary frame with no packet awaiting attachments");
+  if (!frame) {
+    reset();
+    return R::fail("missing binary frame");
+  }
+  pending_->buffers.push_back(std::move(frame));
+  if (pending_->buffers.size() < expected_) return ok(Output{});
+  Packet done = std::move(*pending_);
+  reset();
+  return ok(Output{std::move(done)});
+}
+
+Result<Endpoint> buildEndpoint(std::string_view base_url, std::string_view path,
+                               const std::vector<std::pair<std::string, std::string>>& query) {
+  using R = Result<Endpoint>;
+  namespace urls = boost::urls;
+  const auto parsed = urls::parse_uri(urls::string_view(base_url.data(), base_url.size()));
+  if (!parsed) return R::fail("invalid server URL");
+  const urls::url_view& url = *parsed;
+
+  Endpoint ep;
+  switch (url.scheme_id()) {
+    case urls::scheme::http:
+    case urls::scheme::ws:
+      break;
+    case urls::scheme::https:
+    case urls::scheme::wss:
+      ep.tls = true;
+      break;
+    default:
+      return R::fail("unsupported URL scheme (use http, https, ws or wss)");
+  }
+  if (url.has_userinfo()) return R::fail("credentials in the server URL are not supported");
+  if (url.encoded_path() != "" && url.encoded_path() != "/") {
+    return R::fail("the server URL must not have a path; give a path prefix as the Socket.IO path instead");
+  }
+  if (!isPlainPath(path)) return R::fail("invalid Socket.IO path");
+
+  switch (url.host_type()) {
+    case urls::host_type::ipv4:
+    case urls::host_type::ipv6:
+      ep.host_is_ip = true;
+      break;
+    case urls::host_type::name:
+      break;
+    default:
+      return R::fail("the server URL has no usable host");
+  }
+  ep.host = url.host_address();
+  if (ep.host.empty()) return R::fail("the server URL has no host");
+
+  // Boost.URL wraps ports above 65535, so the digits are read here.
+  const unsigned default_port = ep.tls ? 443 : 80;
+  unsigned port = default_port;
+  if (const auto digits = url.port(); !digits.empty()) {
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
+    if (ec != std::errc() || end != digits.data() + digits.size() || port == 0 || port > 65535) {
+      return R::fail("invalid port in the server URL");
+    }
+  }
+  ep.port = std::to_string(port);
+  ep.host_header = url.host_type() == urls::host_type::ipv6 ? "[" + ep.host + "]" : ep.host;
+  if (port != default_port) ep.host_header += ":" + ep.port;
+
+  const auto overridden = [&](std::string_view key) {
+    return std::any_of(query.begin(), query.end(), [&](const auto& kv) { return kv.first == key; });
+  };
+
+  ep.target.reserve(path.size() + 64);
+  ep.target.append(path);
+  // As the reference client does, a path always ends in one '/'.
+  if (path.back() != '/') ep.target += '/';
+  ep.target += '?';
+  for (const auto param : url.params()) {
+    if (isReservedQueryKey(param.key)) return R::fail("reserved query parameter: " + param.key);
+    if ((param.key.empty() && !param.has_value) || overridden(param.key)) continue;
+    appendEncoded(ep.target, param.key);
+    if (param.has_value) {
+      ep.target += '=';
+      appendEncoded(ep.target, param.value);
+    }
+    ep.target += '&';
+  }
+  for (const auto& [key, value] : query) {
+    if (isReservedQueryKey(key)) return R::fail("reserved query parameter: " + key);
+    appendEncoded(ep.target, key);
+    ep.target += '=';
+    appendEncoded(ep.target, value);
+    ep.target += '&';
+  }
+  ep.target += "EIO=4&transport=websocket";
+  return ok(std::move(ep));
+}
+
+}  // namespace sio
