@@ -442,6 +442,7 @@ TEST(SocketIoCodec, BuildsEndpoints) {
       {"http://h:65536", {}},
       {"http://h:99999", {}},
       {"http://u:p@h", {}},
+      {"http://a%0d%0ab", {}},
       {"http://h?EIO=3", {}},
       {"http://h?sid=x", {}},
       {"http://h", {{"transport", "polling"}}},
