@@ -12,7 +12,7 @@ using namespace sio;
 
 namespace {
 
-// Frames as the wire brief writes them: text frames verbatim, binary frames as "B:" + hex.
+// Frames as they travel: text frames verbatim, binary frames as "B:" + hex.
 using Wire = std::vector<std::string>;
 
 bool isBinary(const std::string& frame) {
@@ -56,7 +56,7 @@ Result<Decoder::Output> feed(Decoder& decoder, const Wire& frames) {
   return last;
 }
 
-// A packet as the wire brief lists it; its payload is the JSON that ends the text frame and its
+// A packet as it travels; its payload is the JSON that ends the text frame and its
 // attachments are the binary frames in order.
 struct Vector {
   Wire frames;
