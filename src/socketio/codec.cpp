@@ -59,12 +59,9 @@ void appendNumber(std::string& out, std::uint64_t n) {
 std::optional<std::uint64_t> positiveInteger(const json::value& v, std::uint64_t max) {
   std::uint64_t n = 0;
   if (const auto* i = v.if_int64()) {
-    if (*i <= 0) return std::nullopt;
-    n = static_cast<std::uint64_t>(*i);
+    n = *i > 0 ? static_cast<std::uint64_t>(*i) : 0;
   } else if (const auto* u = v.if_uint64()) {
     n = *u;
-  } else {
-    return std::nullopt;
   }
   if (n == 0 || n > max) return std::nullopt;
   return n;
@@ -188,8 +185,9 @@ namespace engine {
 
 Result<TextPacket> decodeText(std::string_view frame) {
   if (frame.empty()) return Result<TextPacket>::fail("empty Engine.IO packet");
-  if (frame.front() < '0' || frame.front() > '6')
+  if (frame.front() < '0' || frame.front() > '6') {
     return Result<TextPacket>::fail("unknown Engine.IO packet type");
+  }
   return ok(TextPacket{static_cast<Type>(frame.front()), frame.substr(1)});
 }
 
@@ -250,8 +248,9 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
     reset();
     return R::fail("text packet before all attachments arrived");
   }
-  if (data.empty() || data.front() < '0' || data.front() > '6')
+  if (data.empty() || data.front() < '0' || data.front() > '6') {
     return R::fail("unknown Socket.IO packet type");
+  }
   Packet packet;
   packet.type = static_cast<PacketType>(data.front() - '0');
   std::size_t i = 1;
@@ -359,8 +358,10 @@ Result<Endpoint> buildEndpoint(std::string_view base_url, std::string_view path,
     default:
       return R::fail("the server URL has no usable host");
   }
-  ep.host = url.host_address();
-  if (ep.host.empty()) return R::fail("the server URL has no host");
+  // Escapes in a host name could smuggle CR/LF into the Host header; real host names need none.
+  const auto host = url.encoded_host_address();
+  if (host.empty() || host.find('%') != host.npos) return R::fail("the server URL has no valid host");
+  ep.host = host;
 
   // Boost.URL wraps ports above 65535, so the digits are read here.
   const unsigned default_port = ep.tls ? 443 : 80;

@@ -12,7 +12,7 @@ using namespace sio;
 
 namespace {
 
-// Frames as the wire brief writes them: text frames verbatim, binary frames as "B:" + hex.
+// Frames as they travel: text frames verbatim, binary frames as "B:" + hex.
 using Wire = std::vector<std::string>;
 
 bool isBinary(const std::string& frame) {
@@ -56,112 +56,66 @@ Result<Decoder::Output> feed(Decoder& decoder, const Wire& frames) {
   return last;
 }
 
+// A packet as it travels; its payload is the JSON that ends the text frame and its
+// attachments are the binary frames in order.
 struct Vector {
   Wire frames;
   PacketType type;
-  std::string nsp;
-  std::optional<std::uint64_t> id;
-  std::string data;  // JSON text, empty when the packet has no payload
-  std::vector<std::string> buffers;
+  std::string nsp = "/";
+  std::optional<std::uint64_t> id = std::nullopt;
 };
 
 const std::vector<Vector>& vectors() {
+  using T = PacketType;
+  // clang-format off
   static const std::vector<Vector> v = {
-      {{R"(40)"}, PacketType::Connect, "/", {}, "", {}},
-      {{R"(40{"sid":"wZX3oN0bSVIhsaknAAAI"})"},
-       PacketType::Connect,
-       "/",
-       {},
-       R"({"sid":"wZX3oN0bSVIhsaknAAAI"})",
-       {}},
-      {{R"(40/,{"sid":"abc","pid":"x"})"}, PacketType::Connect, "/", {}, R"({"sid":"abc","pid":"x"})", {}},
-      {{R"(44{"message":"Not authorized","data":{"code":401}})"},
-       PacketType::ConnectError,
-       "/",
-       {},
-       R"({"message":"Not authorized","data":{"code":401}})",
-       {}},
-      {{R"(44/random,{"message":"Invalid namespace"})"},
-       PacketType::ConnectError,
-       "/random",
-       {},
-       R"({"message":"Invalid namespace"})",
-       {}},
-      {{R"(44"Not authorized")"}, PacketType::ConnectError, "/", {}, R"("Not authorized")", {}},
-      {{R"(42["hey","Jude"])"}, PacketType::Event, "/", {}, R"(["hey","Jude"])", {}},
-      {{R"(4213["ask",1])"}, PacketType::Event, "/", 13, R"(["ask",1])", {}},
-      {{R"(4312["bar"])"}, PacketType::Ack, "/", 12, R"(["bar"])", {}},
-      {{R"(4312[])"}, PacketType::Ack, "/", 12, "[]", {}},
-      {{R"(4399["x"])"}, PacketType::Ack, "/", 99, R"(["x"])", {}},
-      {{R"(4218446744073709551615["max"])"}, PacketType::Event, "/", 18446744073709551615u, R"(["max"])", {}},
-      {{R"(41)"}, PacketType::Disconnect, "/", {}, "", {}},
-      {{R"(41/admin,)"}, PacketType::Disconnect, "/admin", {}, "", {}},
-      {{R"(41/admin)"}, PacketType::Disconnect, "/admin", {}, "", {}},
-      {{R"(42["x",{"_placeholder":true,"num":0}])"},
-       PacketType::Event,
-       "/",
-       {},
-       R"(["x",{"_placeholder":true,"num":0}])",
-       {}},
-      {{R"(42[1,"a"])"}, PacketType::Event, "/", {}, R"([1,"a"])", {}},
-      {{R"(450-["a"])"}, PacketType::BinaryEvent, "/", {}, R"(["a"])", {}},
-      {{R"(451-["file",{"_placeholder":true,"num":0}])", "B:01020304"},
-       PacketType::BinaryEvent,
-       "/",
-       {},
-       R"(["file",{"_placeholder":true,"num":0}])",
-       {"01020304"}},
-      {{R"(452-["files",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])", "B:0102", "B:0304"},
-       PacketType::BinaryEvent,
-       "/",
-       {},
-       R"(["files",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])",
-       {"0102", "0304"}},
-      {{R"(452-["x",{"_placeholder":true,"num":1},{"_placeholder":true,"num":0}])", "B:aa", "B:bb"},
-       PacketType::BinaryEvent,
-       "/",
-       {},
-       R"(["x",{"_placeholder":true,"num":1},{"_placeholder":true,"num":0}])",
-       {"aa", "bb"}},
-      {{R"(451-["doc",{"meta":{"n":1},"blob":{"_placeholder":true,"num":0}}])", "B:00"},
-       PacketType::BinaryEvent,
-       "/",
-       {},
-       R"(["doc",{"meta":{"n":1},"blob":{"_placeholder":true,"num":0}}])",
-       {"00"}},
-      {{R"(451-7["upload",{"_placeholder":true,"num":0}])", "B:ff"},
-       PacketType::BinaryEvent,
-       "/",
-       7,
-       R"(["upload",{"_placeholder":true,"num":0}])",
-       {"ff"}},
-      {{R"(461-15["bar",{"_placeholder":true,"num":0}])", "B:01020304"},
-       PacketType::BinaryAck,
-       "/",
-       15,
-       R"(["bar",{"_placeholder":true,"num":0}])",
-       {"01020304"}},
-      {{R"(452-3["up",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])", "B:010203", "B:040506"},
-       PacketType::BinaryEvent,
-       "/",
-       3,
-       R"(["up",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])",
-       {"010203", "040506"}},
+      {{"40"}, T::Connect},
+      {{R"(40{"sid":"wZX3oN0bSVIhsaknAAAI"})"}, T::Connect},
+      {{R"(40/,{"sid":"abc","pid":"x"})"}, T::Connect},
+      {{R"(44{"message":"Not authorized","data":{"code":401}})"}, T::ConnectError},
+      {{R"(44/random,{"message":"Invalid namespace"})"}, T::ConnectError, "/random"},
+      {{R"(44"Not authorized")"}, T::ConnectError},
+      {{R"(42["hey","Jude"])"}, T::Event},
+      {{R"(4213["ask",1])"}, T::Event, "/", 13},
+      {{R"(4312["bar"])"}, T::Ack, "/", 12},
+      {{"4312[]"}, T::Ack, "/", 12},
+      {{R"(4399["x"])"}, T::Ack, "/", 99},
+      {{R"(4218446744073709551615["max"])"}, T::Event, "/", 18446744073709551615u},
+      {{"41"}, T::Disconnect},
+      {{"41/admin,"}, T::Disconnect, "/admin"},
+      {{"41/admin"}, T::Disconnect, "/admin"},
+      {{R"(42["x",{"_placeholder":true,"num":0}])"}, T::Event},
+      {{R"(42[1,"a"])"}, T::Event},
+      {{R"(450-["a"])"}, T::BinaryEvent},
+      {{R"(451-["file",{"_placeholder":true,"num":0}])", "B:01020304"}, T::BinaryEvent},
+      {{R"(452-["files",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])", "B:0102", "B:0304"}, T::BinaryEvent},
+      {{R"(452-["x",{"_placeholder":true,"num":1},{"_placeholder":true,"num":0}])", "B:aa", "B:bb"}, T::BinaryEvent},
+      {{R"(451-["doc",{"meta":{"n":1},"blob":{"_placeholder":true,"num":0}}])", "B:00"}, T::BinaryEvent},
+      {{R"(451-7["upload",{"_placeholder":true,"num":0}])", "B:ff"}, T::BinaryEvent, "/", 7},
+      {{R"(461-15["bar",{"_placeholder":true,"num":0}])", "B:01020304"}, T::BinaryAck, "/", 15},
+      {{R"(452-3["up",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])", "B:010203", "B:040506"}, T::BinaryEvent, "/", 3},
   };
+  // clang-format on
   return v;
 }
 
+std::size_t payloadStart(const std::string& text) {
+  return text.find_first_of("[{\"");
+}
+
 void expectPacket(const Vector& v, const Result<Decoder::Output>& r) {
-  ASSERT_TRUE(r) << v.frames[0] << ": " << r.error;
+  const std::string& text = v.frames[0];
+  ASSERT_TRUE(r) << text << ": " << r.error;
   const auto* p = std::get_if<Packet>(&*r.value);
-  ASSERT_NE(p, nullptr) << v.frames[0];
-  EXPECT_EQ(p->type, v.type) << v.frames[0];
-  EXPECT_EQ(p->nsp, v.nsp) << v.frames[0];
-  EXPECT_EQ(p->id, v.id) << v.frames[0];
-  EXPECT_EQ(p->data, v.data.empty() ? json::value() : json::parse(v.data)) << v.frames[0];
+  ASSERT_NE(p, nullptr) << text;
+  EXPECT_EQ(p->type, v.type) << text;
+  EXPECT_EQ(p->nsp, v.nsp) << text;
+  EXPECT_EQ(p->id, v.id) << text;
+  const std::size_t start = payloadStart(text);
+  EXPECT_EQ(p->data, start == std::string::npos ? json::value() : json::parse(text.substr(start))) << text;
   std::vector<std::string> buffers;
-  for (const auto& b : p->buffers) buffers.push_back(hex(b));
-  EXPECT_EQ(buffers, v.buffers) << v.frames[0];
+  for (const auto& b : p->buffers) buffers.push_back("B:" + hex(b));
+  EXPECT_EQ(buffers, Wire(v.frames.begin() + 1, v.frames.end())) << text;
 }
 
 }  // namespace
@@ -208,54 +162,22 @@ TEST(SocketIoCodec, DecodesTheWireVectors) {
 }
 
 TEST(SocketIoCodec, RejectsMalformedInput) {
+  // clang-format off
   const std::vector<Wire> malformed = {
-      {""},
-      {"9"},
-      {"x"},
-      {R"(0{"sid":)"},
-      {"4"},
-      {"4abc"},
-      {"47"},
-      {"42{}"},
-      {"42[]"},
-      {R"(42"x")"},
-      {R"(42[true,"x"])"},
-      {"42[null]"},
-      {"42"},
-      {R"(42["connect"])"},
-      {R"(42["disconnect","x"])"},
-      {R"(42["newListener"])"},
-      {R"(42["a")"},
-      {R"(42abc["a"])"},
-      {R"(42["a"]x)"},
-      {"41{}"},
-      {"40[]"},
-      {R"(40"x")"},
-      {"4312"},
-      {R"(43["x"])"},
-      {R"(43{})"},
-      {"44{}"},
-      {R"(44{"message":1})"},
-      {"45"},
-      {"451"},
-      {R"(45a-["a"])"},
-      {R"(451.5-["a"])"},
-      {R"(45-["a"])"},
-      {R"(452["a"])"},
-      {R"(4511-["a"])"},
-      {R"(4599999999999999999999-["a"])"},
-      {R"(451-["a",{"_placeholder":true,"num":1}])", "B:00"},
-      {R"(451-["a",{"_placeholder":true,"num":-1}])"},
-      {R"(451-["a",{"_placeholder":true,"num":"0"}])"},
-      {R"(451-["a",{"_placeholder":true,"num":0.5}])"},
-      {R"(451-["a",{"_placeholder":true}])"},
-      {R"(450-["a",{"_placeholder":true,"num":0}])"},
-      {R"(451-["a",{"_placeholder":true,"num":0}])", R"(42["b"])"},
-      {"B:00"},
-      {R"(4299999999999999999999["a"])"},
-      {R"(4218446744073709551616["a"])"},
-      {"42[" + std::string(100, '[') + std::string(100, ']') + "]"},
+      {""}, {"9"}, {"x"}, {R"(0{"sid":)"}, {"4"}, {"4abc"}, {"47"},
+      {"42"}, {"42{}"}, {"42[]"}, {R"(42"x")"}, {R"(42[true,"x"])"}, {"42[null]"},
+      {R"(42["connect"])"}, {R"(42["disconnect","x"])"}, {R"(42["newListener"])"},
+      {R"(42["a")"}, {R"(42abc["a"])"}, {R"(42["a"]x)"}, {"42[" + std::string(100, '[') + std::string(100, ']') + "]"},
+      {"41{}"}, {"40[]"}, {R"(40"x")"}, {"4312"}, {R"(43["x"])"}, {"43{}"}, {"44{}"}, {R"(44{"message":1})"},
+      {"45"}, {"451"}, {R"(45a-["a"])"}, {R"(451.5-["a"])"}, {R"(45-["a"])"}, {R"(452["a"])"},
+      {R"(4511-["a"])"}, {R"(4599999999999999999999-["a"])"},
+      {R"(451-["a",{"_placeholder":true,"num":1}])", "B:00"}, {R"(451-["a",{"_placeholder":true,"num":-1}])"},
+      {R"(451-["a",{"_placeholder":true,"num":"0"}])"}, {R"(451-["a",{"_placeholder":true,"num":0.5}])"},
+      {R"(451-["a",{"_placeholder":true}])"}, {R"(450-["a",{"_placeholder":true,"num":0}])"},
+      {R"(451-["a",{"_placeholder":true,"num":0}])", R"(42["b"])"}, {"B:00"},
+      {R"(4299999999999999999999["a"])"}, {R"(4218446744073709551616["a"])"},
   };
+  // clang-format on
   for (const auto& frames : malformed) {
     Decoder decoder;
     EXPECT_FALSE(feed(decoder, frames)) << frames[0];
@@ -267,7 +189,7 @@ TEST(SocketIoCodec, RejectsMalformedInput) {
 TEST(SocketIoCodec, TruncatedVectorsFailCleanly) {
   for (const auto& v : vectors()) {
     const std::string& text = v.frames[0];
-    const std::size_t json_start = text.find_first_of("[{\"");
+    const std::size_t json_start = payloadStart(text);
     for (std::size_t n = 0; n < text.size(); ++n) {
       Decoder decoder;
       auto r = feed(decoder, {text.substr(0, n)});
@@ -275,8 +197,7 @@ TEST(SocketIoCodec, TruncatedVectorsFailCleanly) {
       if (json_start != std::string::npos && n > json_start) {
         EXPECT_FALSE(r) << text.substr(0, n);
       }
-      decoder.reset();
-      expectPacket(v, feed(decoder, v.frames));
+      expectPacket(v, feed(decoder, v.frames));  // the same decoder, after any error
     }
     // Missing attachments keep the packet pending.
     for (std::size_t k = 1; k < v.frames.size(); ++k) {
@@ -343,113 +264,44 @@ TEST(SocketIoCodec, NamesAndPlaceholders) {
 TEST(SocketIoCodec, BuildsEndpoints) {
   using Query = std::vector<std::pair<std::string, std::string>>;
   struct Case {
-    const char* url;
+    const char* base;
     Query query;
-    const char* target;
-    const char* host;
-    const char* port;
-    const char* host_header;
-    bool tls;
-    bool ip;
+    const char* url;      // what the connection asks for
+    const char* address;  // host, port and whether the host is an IP literal
   };
+  // clang-format off
   const Case cases[] = {
-      {"http://localhost:3000",
-       {{"token", "abc"}},
-       "/socket.io/?token=abc&EIO=4&transport=websocket",
-       "localhost",
-       "3000",
-       "localhost:3000",
-       false,
-       false},
-      {"https://example.com",
-       {},
-       "/socket.io/?EIO=4&transport=websocket",
-       "example.com",
-       "443",
-       "example.com",
-       true,
-       false},
-      {"https://example.com:8443/",
-       {},
-       "/socket.io/?EIO=4&transport=websocket",
-       "example.com",
-       "8443",
-       "example.com:8443",
-       true,
-       false},
-      {"http://example.com:80",
-       {},
-       "/socket.io/?EIO=4&transport=websocket",
-       "example.com",
-       "80",
-       "example.com",
-       false,
-       false},
-      {"http://[::1]:3000",
-       {},
-       "/socket.io/?EIO=4&transport=websocket",
-       "::1",
-       "3000",
-       "[::1]:3000",
-       false,
-       true},
-      {"http://h",
-       {{"na me", "a b&c=d/é+"}},
-       "/socket.io/?na%20me=a%20b%26c%3Dd%2F%C3%A9%2B&EIO=4&transport=websocket",
-       "h",
-       "80",
-       "h",
-       false,
-       false},
-      {"WSS://127.0.0.1:443?a=1&b=x+y&flag&a=2",
-       {{"b", "3"}, {"c", ""}},
-       "/socket.io/?a=1&flag&a=2&b=3&c=&EIO=4&transport=websocket",
-       "127.0.0.1",
-       "443",
-       "127.0.0.1",
-       true,
-       true},
-      {"ws://h:8080/?q=%2B",
-       {},
-       "/socket.io/?q=%2B&EIO=4&transport=websocket",
-       "h",
-       "8080",
-       "h:8080",
-       false,
-       false},
+      {"http://localhost:3000", {{"token", "abc"}}, "ws://localhost:3000/socket.io/?token=abc&EIO=4&transport=websocket", "localhost 3000"},
+      {"https://example.com", {}, "wss://example.com/socket.io/?EIO=4&transport=websocket", "example.com 443"},
+      {"https://example.com:8443/", {}, "wss://example.com:8443/socket.io/?EIO=4&transport=websocket", "example.com 8443"},
+      {"http://example.com:80", {}, "ws://example.com/socket.io/?EIO=4&transport=websocket", "example.com 80"},
+      {"http://[::1]:3000", {}, "ws://[::1]:3000/socket.io/?EIO=4&transport=websocket", "::1 3000 ip"},
+      {"http://h", {{"na me", "a b&c=d/é+"}}, "ws://h/socket.io/?na%20me=a%20b%26c%3Dd%2F%C3%A9%2B&EIO=4&transport=websocket", "h 80"},
+      {"WSS://127.0.0.1:443?a=1&b=x+y&flag&a=2", {{"b", "3"}, {"c", ""}}, "wss://127.0.0.1/socket.io/?a=1&flag&a=2&b=3&c=&EIO=4&transport=websocket", "127.0.0.1 443 ip"},
+      {"ws://h:08080/?q=%2B", {}, "ws://h:8080/socket.io/?q=%2B&EIO=4&transport=websocket", "h 8080"},
   };
+  // clang-format on
   for (const auto& c : cases) {
-    auto ep = buildEndpoint(c.url, "/socket.io/", c.query);
-    ASSERT_TRUE(ep) << c.url << ": " << ep.error;
-    EXPECT_EQ(ep.value->target, c.target) << c.url;
-    EXPECT_EQ(ep.value->host, c.host) << c.url;
-    EXPECT_EQ(ep.value->port, c.port) << c.url;
-    EXPECT_EQ(ep.value->host_header, c.host_header) << c.url;
-    EXPECT_EQ(ep.value->tls, c.tls) << c.url;
-    EXPECT_EQ(ep.value->host_is_ip, c.ip) << c.url;
+    auto ep = buildEndpoint(c.base, "/socket.io/", c.query);
+    ASSERT_TRUE(ep) << c.base << ": " << ep.error;
+    const Endpoint& e = *ep.value;
+    EXPECT_EQ((e.tls ? "wss://" : "ws://") + e.host_header + e.target, c.url);
+    EXPECT_EQ(e.host + " " + e.port + (e.host_is_ip ? " ip" : ""), c.address);
   }
   auto prefixed = buildEndpoint("https://example.com", "/app/socket.io", {});
   ASSERT_TRUE(prefixed) << prefixed.error;
   EXPECT_EQ(prefixed.value->target, "/app/socket.io/?EIO=4&transport=websocket");
 
+  // clang-format off
   const std::pair<const char*, Query> rejected[] = {
-      {"http://h/chat", {}},
-      {"ftp://h", {}},
-      {"localhost:3000", {}},
-      {"not a url", {}},
-      {"http://", {}},
-      {"http://h:0", {}},
-      {"http://h:65536", {}},
-      {"http://h:99999", {}},
-      {"http://u:p@h", {}},
-      {"http://h?EIO=3", {}},
-      {"http://h?sid=x", {}},
-      {"http://h", {{"transport", "polling"}}},
-      {"http://h", {{"t", "1"}}},
-      {"http://h", {{"j", "1"}}},
+      {"http://h/chat", {}}, {"ftp://h", {}}, {"localhost:3000", {}}, {"not a url", {}}, {"http://", {}},
+      {"http://h:0", {}}, {"http://h:65536", {}}, {"http://h:99999", {}}, {"http://u:p@h", {}},
+      {"http://a%0d%0ab", {}}, {"http://h?EIO=3", {}}, {"http://h?sid=x", {}},
+      {"http://h", {{"transport", "polling"}}}, {"http://h", {{"t", "1"}}}, {"http://h", {{"j", "1"}}},
       {"http://h", {{"b64", "1"}}},
   };
-  for (const auto& [url, query] : rejected) EXPECT_FALSE(buildEndpoint(url, "/socket.io/", query)) << url;
+  // clang-format on
+  for (const auto& [base, query] : rejected) EXPECT_FALSE(buildEndpoint(base, "/socket.io/", query)) << base;
   for (const char* path : {"", "socket.io/", "/a b/", "/a?b/"}) {
     EXPECT_FALSE(buildEndpoint("http://h", path, {})) << path;
   }

@@ -1,0 +1,65 @@
+// Feeds hostile frame sequences through the Engine.IO and Socket.IO decoders. The input is a series of
+// chunks, each led by one byte: its low bit picks a binary (1) or text (0) frame, the rest is the
+// length (a length past the end takes what is left).
+#include "socketio/codec.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+
+namespace {
+
+// Delivered events and acks must survive a re-encode and decode (count-0 binary packets come back
+// as plain ones).
+void checkRoundTrip(const sio::Result<sio::Decoder::Output>& r) {
+  const auto* packet = r ? std::get_if<sio::Packet>(&*r.value) : nullptr;
+  if (!packet) return;
+  const bool event = packet->type == sio::PacketType::Event || packet->type == sio::PacketType::BinaryEvent;
+  const bool ack = packet->type == sio::PacketType::Ack || packet->type == sio::PacketType::BinaryAck;
+  if (!event && !ack) return;
+  const sio::Payload payload{packet->data.as_array(), packet->buffers};
+  const sio::Frames frames =
+      event ? sio::encodeEvent(payload, packet->id) : sio::encodeAck(*packet->id, payload);
+  sio::Decoder decoder;
+  auto again = decoder.onText(std::string_view(frames.text).substr(1));
+  for (const auto& frame : frames.binary) {
+    if (!again) break;
+    again = decoder.onBinary(frame);
+  }
+  const auto* copy = again ? std::get_if<sio::Packet>(&*again.value) : nullptr;
+  const auto plain = event ? sio::PacketType::Event : sio::PacketType::Ack;
+  const auto binary = event ? sio::PacketType::BinaryEvent : sio::PacketType::BinaryAck;
+  if (!copy || copy->type != (packet->buffers.empty() ? plain : binary) || copy->id != packet->id ||
+      copy->buffers != packet->buffers || copy->data != packet->data.as_array()) {
+    std::abort();
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  sio::Decoder decoder;
+  std::size_t i = 0;
+  while (i < size) {
+    const std::uint8_t head = data[i++];
+    const std::size_t len = std::min<std::size_t>(head >> 1, size - i);
+    const std::uint8_t* chunk = data + i;
+    i += len;
+    if (head & 1) {
+      checkRoundTrip(decoder.onBinary(std::make_shared<sio::Buffer>(chunk, chunk + len)));
+      continue;
+    }
+    const std::string_view text(reinterpret_cast<const char*>(chunk), len);
+    const auto eio = sio::engine::decodeText(text);
+    if (!eio) continue;
+    if (eio.value->type == sio::engine::Type::Open) {
+      (void)sio::engine::decodeHandshake(eio.value->data);
+    } else if (eio.value->type == sio::engine::Type::Message) {
+      checkRoundTrip(decoder.onText(eio.value->data));
+    }
+  }
+  return 0;
+}
