@@ -4,6 +4,7 @@
 #include "socketio/tls.hpp"
 
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core.hpp>
@@ -14,6 +15,7 @@
 
 #include <atomic>
 #include <deque>
+#include <future>
 #include <mutex>
 #include <unordered_map>
 
@@ -657,7 +659,19 @@ Manager::Manager(boost::asio::any_io_executor executor, std::string url, Options
       socket_(new Socket(std::make_shared<detail::Engine>(std::move(executor), std::move(url), std::move(options)))) {}
 
 Manager::~Manager() {
-  socket_->engine_->run([](detail::Engine& e) { e.abandon(); });
+  auto& engine = socket_->engine_;
+  auto* io = engine->executor().target<boost::asio::io_context::executor_type>();
+  if (!io || io->running_in_this_thread()) {
+    engine->run([](detail::Engine& e) { e.abandon(); });
+    return;
+  }
+  // From another thread: wait, so that no handler runs once the manager is gone.
+  std::promise<void> done;
+  engine->run([&done](detail::Engine& e) {
+    e.abandon();
+    done.set_value();
+  });
+  done.get_future().wait();
 }
 
 }  // namespace sio

@@ -103,7 +103,8 @@ class Socket {
 };
 
 // Owns the connection to one server URL and its default-namespace socket. Destroying the manager
-// closes the connection silently: no further handler runs.
+// closes the connection silently: once the destructor returns no handler runs (off the executor's
+// thread it waits for the executor to take the connection down).
 class Manager {
  public:
   Manager(boost::asio::any_io_executor executor, std::string url, Options options);

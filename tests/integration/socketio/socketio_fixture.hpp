@@ -1,0 +1,94 @@
+#pragma once
+// A client socket against a real server, with what it heard recorded for assertions.
+#include "socketio/client.hpp"
+#include "socketio/clock.hpp"
+#include "support/devserver.hpp"
+#include "support/queues.hpp"
+#include "support/wait.hpp"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+namespace testing_support {
+
+// Records every event (and "connect"/"disconnect") that reaches a socket.
+class Recorder {
+ public:
+  void attach(sio::Socket& socket, std::initializer_list<const char*> events) {
+    for (auto* e : events) {
+      socket.on(e, [this, name = std::string(e)](const sio::Payload& p, const sio::Responder&) {
+        std::lock_guard lock(mutex_);
+        heard_.emplace_back(name, p);
+      });
+    }
+  }
+  std::vector<std::pair<std::string, sio::Payload>> heard() const {
+    std::lock_guard lock(mutex_);
+    return heard_;
+  }
+  std::vector<sio::Payload> of(const std::string& event) const {
+    std::vector<sio::Payload> out;
+    for (auto& [name, p] : heard()) {
+      if (name == event) out.push_back(p);
+    }
+    return out;
+  }
+  bool waitFor(const std::string& event, std::size_t count = 1) const {
+    return waitUntil([&] { return of(event).size() >= count; });
+  }
+  // The reasons of every "disconnect" heard so far.
+  std::vector<std::string> disconnects() const {
+    std::vector<std::string> out;
+    for (auto& p : of("disconnect")) out.emplace_back(p.args.at(0).as_string());
+    return out;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::pair<std::string, sio::Payload>> heard_;
+};
+
+// Collects acknowledgements; counts calls so that "exactly once" can be asserted.
+struct AckSink {
+  std::mutex mutex;
+  std::vector<sio::Payload> answers;
+  sio::AckCallback callback() {
+    return [this](const sio::Payload& p) {
+      std::lock_guard lock(mutex);
+      answers.push_back(p);
+    };
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex);
+    return answers.size();
+  }
+  sio::Payload at(std::size_t i) {
+    std::lock_guard lock(mutex);
+    return answers.at(i);
+  }
+};
+
+inline sio::Payload args(boost::json::array a, std::vector<sio::BufferPtr> buffers = {}) {
+  return sio::Payload{std::move(a), std::move(buffers)};
+}
+
+inline sio::BufferPtr bytes(std::initializer_list<std::uint8_t> b) { return std::make_shared<const sio::Buffer>(b); }
+
+// Lets tests move time by hand; every queued main-queue task has run when advance() returns.
+class ManualTime {
+ public:
+  ManualTime() : clock_(std::make_shared<sio::ManualClock>()) { sio::Clock::install(clock_); }
+  ~ManualTime() { sio::Clock::install(nullptr); }
+  void advance(std::chrono::milliseconds d) {
+    qnbrl::MainQueue::sync([] {});  // emits posted before now have armed their timers
+    clock_->advance(d);
+    qnbrl::MainQueue::sync([] {});
+  }
+  sio::ManualClock& clock() { return *clock_; }
+
+ private:
+  std::shared_ptr<sio::ManualClock> clock_;
+};
+
+}  // namespace testing_support

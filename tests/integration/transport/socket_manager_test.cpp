@@ -1,0 +1,248 @@
+#include "transport/QNSocketManager.hpp"
+
+#include "socketio/socketio_fixture.hpp"
+
+#include <boost/json/serialize.hpp>
+
+using namespace testing_support;
+using namespace std::chrono_literals;
+namespace json = boost::json;
+using qnbrl::QNSocketManager;
+using qnbrl::QNSocketManagerDelegate;
+using qnbrl::QNSocketMessageDelegate;
+
+namespace {
+
+const char* const kEvents[] = {"disconnectReason", "loginSuccess", "ChannelAttributesUpdated",
+                               "PeersOnlineStatusChanged", "PeersUserAttributesChanged",
+                               "MessageToPeerReceived", "InvitationNotify", "ChannelMemberCount",
+                               "MemberJoined", "MemberLeft", "ChannelMessageReceived"};
+
+// A message delegate that implements every method and records what each got.
+struct Listener {
+  std::mutex mutex;
+  std::vector<std::pair<std::string, sio::Payload>> heard;
+  std::shared_ptr<QNSocketMessageDelegate> delegate = std::make_shared<QNSocketMessageDelegate>();
+
+  Listener() {
+    QNSocketMessageDelegate::Handler QNSocketMessageDelegate::*members[] = {
+        &QNSocketMessageDelegate::onDisconnectReason,     &QNSocketMessageDelegate::onLoginSuccess,
+        &QNSocketMessageDelegate::onChannelAttributesUpdated, &QNSocketMessageDelegate::onPeersOnlineStatusChanged,
+        &QNSocketMessageDelegate::onPeersUserAttributesChanged, &QNSocketMessageDelegate::onMessageToPeerReceived,
+        &QNSocketMessageDelegate::onInvitationNotify,     &QNSocketMessageDelegate::onChannelMemberCount,
+        &QNSocketMessageDelegate::onMemberJoined,         &QNSocketMessageDelegate::onMemberLeft,
+        &QNSocketMessageDelegate::onChannelMessageReceived};
+    for (std::size_t i = 0; i < std::size(members); ++i) (*delegate).*members[i] = record(kEvents[i]);
+    delegate->onDisconnect = record("disconnect");
+  }
+  QNSocketMessageDelegate::Handler record(std::string name) {
+    return [this, name](QNSocketManager&, const sio::Payload& p) {
+      std::lock_guard lock(mutex);
+      heard.emplace_back(name, p);
+    };
+  }
+  std::vector<std::pair<std::string, sio::Payload>> snapshot() {
+    std::lock_guard lock(mutex);
+    return heard;
+  }
+  std::size_t count() { return snapshot().size(); }
+};
+
+json::object tavernConfig() {
+  return {{"compress", true},
+          {"forceWebsockets", true},
+          {"connectParams",
+           json::object{{"app", "tavern"}, {"roomId", "app1"}, {"token", R"({"token":"t+/=","userId":"u1"})"}}}};
+}
+
+class SocketManager : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    server_ = new DevServer(DevServerOptions{});
+    ASSERT_TRUE(server_->ready());
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    server_ = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(server_->reset());
+    manager_->setMessageDelegate(listener_.delegate);
+    manager_->setDelegate(delegate_);
+    delegate_->onSocketChange = [this](QNSocketManager&, const std::shared_ptr<sio::Socket>& s) {
+      std::lock_guard lock(mutex_);
+      changes_.push_back(s);
+    };
+    delegate_->onConnectTimeout = [this](QNSocketManager&, const json::array& a) {
+      EXPECT_TRUE(a.empty());
+      ++timeouts_;
+    };
+  }
+  void connectTo(int server) {
+    manager_->createSocketWithUrl(server_->tavernUrls().at(server), tavernConfig());
+    manager_->connect();
+    ASSERT_TRUE(waitUntil([&] {
+      auto s = manager_->socket().lock();
+      return s && s->status() == sio::Socket::Status::Connected;
+    }));
+  }
+
+  static DevServer* server_;
+  Listener listener_;
+  std::shared_ptr<QNSocketManagerDelegate> delegate_ = std::make_shared<QNSocketManagerDelegate>();
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<sio::Socket>> changes_;
+  std::atomic<int> timeouts_{0};
+  // Last, so it goes first: its connection is down before what its handlers touch is destroyed.
+  std::shared_ptr<QNSocketManager> manager_ = QNSocketManager::create();
+};
+DevServer* SocketManager::server_ = nullptr;
+
+TEST_F(SocketManager, ConfigurationBecomesTheConnectionQuery) {
+  connectTo(0);
+  auto conn = server_->awaitConnection(0);
+  ASSERT_TRUE(conn);
+  EXPECT_EQ(conn->query.at("app").as_string(), "tavern");
+  EXPECT_EQ(conn->query.at("roomId").as_string(), "app1");
+  EXPECT_EQ(conn->query.at("token").as_string(), R"({"token":"t+/=","userId":"u1"})");
+  EXPECT_EQ(manager_->url(), server_->tavernUrls().at(0));
+  EXPECT_EQ(json::serialize(manager_->config()), json::serialize(tavernConfig()));
+  std::lock_guard lock(mutex_);
+  ASSERT_EQ(changes_.size(), 1u);
+  EXPECT_EQ(changes_[0], manager_->socket().lock());
+}
+
+TEST_F(SocketManager, EveryServerEventReachesItsMethodUntouched) {
+  connectTo(0);
+  auto sid = manager_->socket().lock()->sid();
+  for (auto* event : kEvents) {
+    ASSERT_TRUE(server_->push(0, sid, event, json::array{json::object{{"event", event}}, 7}));
+  }
+  ASSERT_TRUE(server_->push(0, sid, "ChannelMessageReceived",
+                            json::array{json::object{{"content", json::object{{"binary", bytesValue({1, 2})}}}}}));
+  ASSERT_TRUE(waitUntil([&] { return listener_.count() == std::size(kEvents) + 1; }));
+  auto heard = listener_.snapshot();
+  for (std::size_t i = 0; i < std::size(kEvents); ++i) {
+    EXPECT_EQ(heard[i].first, kEvents[i]);
+    EXPECT_EQ(json::serialize(heard[i].second.args), json::serialize(json::array{json::object{{"event", kEvents[i]}}, 7}));
+  }
+  auto& binary = heard.back().second;
+  ASSERT_EQ(binary.buffers.size(), 1u);
+  EXPECT_EQ(*binary.buffers[0], (sio::Buffer{1, 2}));
+}
+
+TEST_F(SocketManager, EventsWithoutAnImplementingDelegateAreDropped) {
+  connectTo(0);
+  auto sid = manager_->socket().lock()->sid();
+  listener_.delegate->onLoginSuccess = nullptr;
+  ASSERT_TRUE(server_->push(0, sid, "loginSuccess", json::array{1}));
+  ASSERT_TRUE(server_->push(0, sid, "MemberJoined", json::array{2}));
+  ASSERT_TRUE(waitUntil([&] { return listener_.count() == 1; }));
+  EXPECT_EQ(listener_.snapshot()[0].first, "MemberJoined");
+  // A delegate that is gone hears nothing, and nothing breaks.
+  listener_.delegate.reset();
+  ASSERT_TRUE(server_->push(0, sid, "MemberJoined", json::array{3}));
+  AckSink probe;
+  manager_->command("probe", {}, [&](const qnbrl::QNBRLResult&) { probe.callback()({}); });
+  ASSERT_TRUE(waitUntil([&] { return probe.count() == 1; }));
+}
+
+TEST_F(SocketManager, ASecondSocketReplacesTheFirstWithoutADisconnectEvent) {
+  connectTo(0);
+  auto first = manager_->socket();
+  connectTo(1);
+  EXPECT_TRUE(first.expired());
+  ASSERT_TRUE(waitUntil([&] { return server_->connections(0, true).empty(); }));
+  EXPECT_EQ(server_->connections(1, true).size(), 1u);
+  qnbrl::MainQueue::sync([] {});
+  EXPECT_EQ(listener_.count(), 0u);
+  std::lock_guard lock(mutex_);
+  EXPECT_EQ(changes_.size(), 2u);
+}
+
+TEST_F(SocketManager, DestroyReportsNamespaceLeaveAndKeepsTheUrl) {
+  connectTo(0);
+  manager_->destroy();
+  ASSERT_TRUE(waitUntil([&] { return listener_.count() == 1; }));
+  EXPECT_EQ(listener_.snapshot()[0].first, "disconnect");
+  EXPECT_EQ(json::serialize(listener_.snapshot()[0].second.args), R"(["Namespace leave"])");
+  EXPECT_TRUE(manager_->socket().expired());
+  EXPECT_EQ(manager_->url(), server_->tavernUrls().at(0));
+  // Without a socket a request sends nothing and is never answered.
+  ManualTime time;
+  bool called = false;
+  manager_->command("join", {{"channelId", "c"}}, [&](const qnbrl::QNBRLResult&) { called = true; });
+  time.advance(60s);
+  EXPECT_FALSE(called);
+  EXPECT_TRUE(server_->commands().empty());
+}
+
+TEST_F(SocketManager, CommandsWaitSixSecondsAndClearingAttributesTen) {
+  ManualTime time;
+  ASSERT_TRUE(server_->scriptCommand("*", CommandAnswer().none()));
+  connectTo(0);
+  std::vector<std::string> timedOut;
+  std::mutex m;
+  for (const char* name : {"setChannelAttributes", "clearLocalUserAttributes"}) {
+    manager_->command(name, {}, [&, name](const qnbrl::QNBRLResult& r) {
+      EXPECT_TRUE(r.isAckTimeout());
+      std::lock_guard lock(m);
+      timedOut.emplace_back(name);
+    });
+  }
+  ASSERT_TRUE(waitUntil([&] { return server_->commands().size() == 2; }));
+  time.advance(6s);
+  {
+    std::lock_guard lock(m);
+    EXPECT_EQ(timedOut, std::vector<std::string>{"setChannelAttributes"});
+  }
+  time.advance(4s);
+  std::lock_guard lock(m);
+  EXPECT_EQ(timedOut, (std::vector<std::string>{"setChannelAttributes", "clearLocalUserAttributes"}));
+}
+
+TEST_F(SocketManager, CommandResultsAreDecoded) {
+  ASSERT_TRUE(server_->scriptCommand("getChannelAttributes",
+                                     CommandAnswer().ack(json::array{json::object{{"result", 0}, {"attributes", json::array{}}}})));
+  ASSERT_TRUE(server_->scriptCommand("setLocalUserAttributes",
+                                     CommandAnswer().ack(json::array{"Too Many Requests", json::object{{"result", 5}}})));
+  connectTo(0);
+  std::mutex m;
+  std::map<std::string, qnbrl::QNBRLResult> results;
+  for (const char* name : {"getChannelAttributes", "setLocalUserAttributes"}) {
+    manager_->command(name, {{"channelId", "c1"}}, [&, name](const qnbrl::QNBRLResult& r) {
+      std::lock_guard lock(m);
+      results[name] = r;
+    });
+  }
+  ASSERT_TRUE(waitUntil([&] {
+    std::lock_guard lock(m);
+    return results.size() == 2;
+  }));
+  EXPECT_EQ(results["getChannelAttributes"].code, 0);
+  EXPECT_TRUE(results["getChannelAttributes"].response->contains("attributes"));
+  EXPECT_TRUE(results["setLocalUserAttributes"].isTooManyRequests());
+  EXPECT_EQ(results["setLocalUserAttributes"].code, 5);
+  auto cmds = server_->commands();
+  ASSERT_EQ(cmds.size(), 2u);
+  EXPECT_EQ(json::serialize(cmds[0].payload), R"({"channelId":"c1"})");
+}
+
+TEST_F(SocketManager, ConnectTimeOutIsReportedWithAnEmptyList) {
+  ManualTime time;
+  manager_->createSocketWithUrl(server_->blackholeUrl(), tavernConfig());
+  manager_->connect();
+  time.advance(5999ms);
+  EXPECT_EQ(timeouts_, 0);
+  time.advance(1ms);
+  ASSERT_TRUE(waitUntil([&] { return timeouts_ == 1; }));
+  EXPECT_EQ(listener_.count(), 0u);  // a time-out is not a disconnect
+  // A manager that is gone hears no time-out.
+  manager_->createSocketWithUrl(server_->blackholeUrl(), tavernConfig());
+  manager_->connect();
+  manager_.reset();
+  time.advance(6s);
+  EXPECT_EQ(timeouts_, 1);
+}
+
+}  // namespace
