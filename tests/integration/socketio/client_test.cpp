@@ -1,4 +1,4 @@
-#include "socketio_fixture.hpp"
+#include "support/socketio_fixture.hpp"
 
 #include <boost/json/serialize.hpp>
 

@@ -1,5 +1,5 @@
 // The same client against an independent server implementation.
-#include "socketio_fixture.hpp"
+#include "support/socketio_fixture.hpp"
 
 #include <boost/json/serialize.hpp>
 

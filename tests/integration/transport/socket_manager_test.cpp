@@ -1,6 +1,6 @@
 #include "transport/QNSocketManager.hpp"
 
-#include "socketio/socketio_fixture.hpp"
+#include "support/socketio_fixture.hpp"
 
 #include <boost/json/serialize.hpp>
 
