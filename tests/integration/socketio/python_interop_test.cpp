@@ -30,11 +30,11 @@ TEST(SocketIoPythonInterop, HandshakeAcksBinaryEventsAndServerDisconnect) {
   ASSERT_EQ(echo.at(0).buffers.size(), 1u);
   EXPECT_EQ(*echo.at(0).buffers[0], (sio::Buffer{1, 2, 3, 4}));
 
-  ASSERT_TRUE(server.push(conns[0].sid, "pushed", json::array{json::object{{"b", bytesValue({5, 6})}}}));
+  ASSERT_TRUE(server.push(conns[0].id, "pushed", json::array{json::object{{"b", bytesValue({5, 6})}}}));
   ASSERT_TRUE(r.waitFor("pushed"));
   EXPECT_EQ(r.of("pushed").at(0).buffers.size(), 1u);
 
-  ASSERT_TRUE(server.disconnect(conns[0].sid));
+  ASSERT_TRUE(server.disconnect(conns[0].id));
   ASSERT_TRUE(r.waitFor("disconnect"));
   EXPECT_EQ(r.disconnects(), std::vector<std::string>{"Got Disconnect"});
 }

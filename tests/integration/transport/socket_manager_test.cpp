@@ -91,7 +91,7 @@ class SocketManager : public ::testing::Test {
   Listener listener_;
   std::shared_ptr<QNSocketManagerDelegate> delegate_ = std::make_shared<QNSocketManagerDelegate>();
   std::mutex mutex_;
-  std::vector<std::shared_ptr<sio::Socket>> changes_;
+  std::vector<std::weak_ptr<sio::Socket>> changes_;
   std::atomic<int> timeouts_{0};
   // Last, so it goes first: its connection is down before what its handlers touch is destroyed.
   std::shared_ptr<QNSocketManager> manager_ = QNSocketManager::create();
@@ -109,7 +109,7 @@ TEST_F(SocketManager, ConfigurationBecomesTheConnectionQuery) {
   EXPECT_EQ(json::serialize(manager_->config()), json::serialize(tavernConfig()));
   std::lock_guard lock(mutex_);
   ASSERT_EQ(changes_.size(), 1u);
-  EXPECT_EQ(changes_[0], manager_->socket().lock());
+  EXPECT_EQ(changes_[0].lock(), manager_->socket().lock());
 }
 
 TEST_F(SocketManager, EveryServerEventReachesItsMethodUntouched) {
