@@ -352,3 +352,32 @@ TEST(SocketIoCompression, NegotiatedAndUsedBothWays) {
 }
 
 }  // namespace
+
+namespace {
+
+// Real heartbeat timing with the short settings the reference test suites use.
+TEST(SocketIoHeartbeat, AnsweredPingsKeepTheConnectionAndASilentServerIsDetected) {
+  DevServerOptions o;
+  o.tavern = 1;
+  o.tavernTls = 0;
+  o.pingInterval = 300ms;
+  o.pingTimeout = 200ms;
+  DevServer server(o);
+  ASSERT_TRUE(server.ready());
+  Recorder live, silent;
+  auto a = std::make_shared<sio::Manager>(qnbrl::MainQueue::executor(), server.tavernUrls().at(0), sio::Options{});
+  live.attach(*a->socket(), {"connect", "disconnect"});
+  a->socket()->connect(6s, [] {});
+  ASSERT_TRUE(server.setSilent(server.silentId(), Silence::AfterConnect));
+  auto b = std::make_shared<sio::Manager>(qnbrl::MainQueue::executor(), server.silentUrl(), sio::Options{});
+  silent.attach(*b->socket(), {"connect", "disconnect"});
+  b->socket()->connect(6s, [] {});
+  ASSERT_TRUE(live.waitFor("connect"));
+  ASSERT_TRUE(silent.waitFor("disconnect"));
+  EXPECT_EQ(silent.disconnects(), std::vector<std::string>{"Ping timeout"});
+  // By now the live connection has answered at least one ping: it is still up on the server too.
+  EXPECT_TRUE(live.disconnects().empty());
+  EXPECT_EQ(server.connections(0, true).size(), 1u);
+}
+
+}  // namespace
