@@ -43,18 +43,10 @@ Main& main_loop() {
 
 }  // namespace
 
-boost::asio::io_context& MainQueue::context() {
-  return main_loop().ioc;
-}
-boost::asio::any_io_executor MainQueue::executor() {
-  return main_loop().ioc.get_executor();
-}
-bool MainQueue::isCurrent() {
-  return std::this_thread::get_id() == main_loop().thread_id;
-}
-void MainQueue::async(std::function<void()> fn) {
-  boost::asio::post(main_loop().ioc, std::move(fn));
-}
+boost::asio::io_context& MainQueue::context() { return main_loop().ioc; }
+boost::asio::any_io_executor MainQueue::executor() { return main_loop().ioc.get_executor(); }
+bool MainQueue::isCurrent() { return std::this_thread::get_id() == main_loop().thread_id; }
+void MainQueue::async(std::function<void()> fn) { boost::asio::post(main_loop().ioc, std::move(fn)); }
 
 void MainQueue::sync(const std::function<void()>& fn) {
   if (isCurrent()) {
@@ -108,9 +100,7 @@ void SerialQueue::cancelPending() {
   tasks_.clear();
 }
 
-bool SerialQueue::isCurrent() const {
-  return t_current_queue == this;
-}
+bool SerialQueue::isCurrent() const { return t_current_queue == this; }
 
 void SerialQueue::schedule() {
   boost::asio::post(backgroundExecutor(), [self = shared_from_this()] { self->runNext(); });
@@ -128,7 +118,9 @@ void SerialQueue::runNext() {
     tasks_.pop_front();
   }
   auto finished = std::make_shared<std::once_flag>();
-  auto done = [self = shared_from_this(), finished] { std::call_once(*finished, [&] { self->schedule(); }); };
+  auto done = [self = shared_from_this(), finished] {
+    std::call_once(*finished, [&] { self->schedule(); });
+  };
   t_current_queue = this;
   try {
     task(done);
