@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
+#include <mutex>
 #include <vector>
 
 using namespace qnbrl;
@@ -12,33 +14,47 @@ using testing_support::waitUntil;
 
 TEST(SerialQueue, RunsTasksInOrderAndWaitingTaskHoldsTheQueue) {
   auto q = SerialQueue::create("test");
+  std::mutex m;
   std::vector<int> order;
   std::function<void()> release;
-  q->async([&] { order.push_back(1); });
+  auto seen = [&] {
+    std::lock_guard lock(m);
+    return order;
+  };
+  q->async([&] {
+    std::lock_guard lock(m);
+    order.push_back(1);
+  });
   q->asyncWaiting([&](std::function<void()> done) {
+    std::lock_guard lock(m);
     order.push_back(2);
     release = std::move(done);
   });
-  q->async([&] { order.push_back(3); });
-  ASSERT_TRUE(waitUntil([&] { return order.size() == 2; }));
-  std::atomic<bool> third_ran = false;
-  q->async([&] { third_ran = true; });
-  EXPECT_EQ(order.size(), 2u);  // still held by the waiting task
-  release();
+  q->async([&] {
+    std::lock_guard lock(m);
+    order.push_back(3);
+  });
+  ASSERT_TRUE(waitUntil([&] { return seen().size() == 2; }));
+  EXPECT_EQ(seen().size(), 2u);  // still held by the waiting task
+  std::function<void()> done;
+  {
+    std::lock_guard lock(m);
+    done = std::move(release);
+  }
+  done();
   q->sync([] {});
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-  EXPECT_TRUE(third_ran);
+  EXPECT_EQ(seen(), (std::vector<int>{1, 2, 3}));
 }
 
 TEST(SerialQueue, CancelPendingDropsQueuedWork) {
   auto q = SerialQueue::create("test");
-  std::function<void()> release;
+  std::promise<std::function<void()>> release;
   std::atomic<int> ran = 0;
-  q->asyncWaiting([&](std::function<void()> done) { release = std::move(done); });
+  q->asyncWaiting([&](std::function<void()> done) { release.set_value(std::move(done)); });
   q->async([&] { ++ran; });
-  ASSERT_TRUE(waitUntil([&] { return static_cast<bool>(release); }));
+  auto done = release.get_future().get();
   q->cancelPending();
-  release();
+  done();
   q->sync([] {});
   EXPECT_EQ(ran, 0);
 }
