@@ -85,6 +85,8 @@ struct ManualClock::Entry : Timer {
 
   void cancel() override {
     if (done.exchange(true)) return;
+    // Drop the handler now: it may hold the very object that holds this timer.
+    auto dropped = std::move(fn);
     std::lock_guard lock(owner->mutex_);
     std::erase_if(owner->entries_, [this](auto& e) { return e.get() == this; });
   }
