@@ -54,9 +54,10 @@ std::optional<Bytes> bytesFrom(const boost::json::value& value);
 std::string testCaFile();           // tests/data/tls/ca.pem
 std::string untrustedTestCaFile();  // tests/data/tls/untrusted-ca.pem
 
-// A child process with a pipe to its stdin and from its stdout; stdout is split into lines on a reader
-// thread. Stopping is bounded: stdin closed, SIGTERM, then SIGKILL after the grace period; the child is
-// always reaped (no zombie). Only this child's PID is ever signalled.
+// A child process with a stream to its stdin (a socket, so that writing to a child that has gone fails
+// instead of raising SIGPIPE) and a pipe from its stdout, split into lines on a reader thread. Stopping is
+// bounded: stdin closed, SIGTERM, then SIGKILL after the grace period; the child is always reaped (no
+// zombie). Only this child's PID is ever signalled.
 class ChildProcess {
  public:
   using LineHandler = std::function<void(std::string line)>;
