@@ -250,6 +250,7 @@ class DevServer {
   // Ends the server process now (the destructor does it too); its wait status.
   int stop() { return process_.stop(); }
 
+  // Listener URLs from the ready line (a restarted tavern server may move: startTavern gives its URL).
   const std::vector<std::string>& tavernUrls() const { return tavernUrls_; }        // http://127.0.0.1:p
   const std::vector<std::string>& tavernTlsUrls() const { return tavernTlsUrls_; }  // https://127.0.0.1:p
   int tavernTlsId(std::size_t i) const { return static_cast<int>(tavernUrls_.size() + i); }
@@ -279,7 +280,8 @@ class DevServer {
   bool onConnect(std::optional<int> server, boost::json::array steps);
 
   bool push(int server, const std::string& socket, const std::string& event, boost::json::array args);
-  // Pushes asking for an acknowledgement; its arguments, or nullopt when none came within `timeout`.
+  // Pushes asking for an acknowledgement; its arguments (the first connection's when `socket` is empty),
+  // or nullopt when none came within `timeout`.
   std::optional<boost::json::array> pushWithAck(int server, const std::string& socket,
                                                 const std::string& event, boost::json::array args,
                                                 std::chrono::milliseconds timeout);
