@@ -5,6 +5,8 @@
 #   untrusted-ca.pem            a second CA that no test trusts
 #   untrusted-server.pem, untrusted-server-key.pem
 #                               server certificate for "localhost" signed by the untrusted CA
+#   wronghost-server.pem, wronghost-server-key.pem
+#                               signed by ca.pem but for another name only: host-name checks must refuse it
 # Certificates are valid for 100 years so the committed files never expire under the tests.
 # The output is committed; run this by hand only to replace it.
 set -euo pipefail
@@ -24,7 +26,7 @@ cat >"$work/server.ext" <<'EXT'
 basicConstraints = critical, CA:false
 keyUsage = critical, digitalSignature, keyEncipherment
 extendedKeyUsage = serverAuth
-subjectAltName = DNS:localhost, IP:127.0.0.1
+subjectAltName = SAN_PLACEHOLDER
 subjectKeyIdentifier = hash
 authorityKeyIdentifier = keyid:always
 EXT
@@ -36,12 +38,13 @@ make_ca() {
     -extensions v3_ca -config <(printf '[req]\ndistinguished_name=dn\n[dn]\n[v3_ca]\n'; cat "$work/ca.ext") 2>/dev/null
 }
 
-# make_server CA NAME: server certificate NAME.pem and key NAME-key.pem signed by CA.
+# make_server CA NAME [SAN]: server certificate NAME.pem and key NAME-key.pem signed by CA.
 make_server() {
+  local san=${3:-DNS:localhost, IP:127.0.0.1}
   openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
     -keyout "$work/$2-key.pem" -out "$work/$2.csr" -subj "/CN=localhost" 2>/dev/null
   openssl x509 -req -in "$work/$2.csr" -CA "$work/$1.pem" -CAkey "$work/$1-key.pem" \
-    -set_serial "0x$(openssl rand -hex 16)" -days "$days" -sha256 -extfile "$work/server.ext" \
+    -set_serial "0x$(openssl rand -hex 16)" -days "$days" -sha256 -extfile <(sed "s/SAN_PLACEHOLDER/$san/" "$work/server.ext") \
     -out "$work/$2.pem" 2>/dev/null
 }
 
@@ -49,6 +52,7 @@ make_ca ca "/CN=qnbrl test CA"
 make_server ca server
 make_ca untrusted-ca "/CN=qnbrl untrusted test CA"
 make_server untrusted-ca untrusted-server
+make_server ca wronghost-server "DNS:wrong-host.invalid"
 
 openssl verify -CAfile "$work/ca.pem" "$work/server.pem" >/dev/null
 openssl verify -CAfile "$work/untrusted-ca.pem" "$work/untrusted-server.pem" >/dev/null
@@ -57,6 +61,7 @@ if openssl verify -CAfile "$work/ca.pem" "$work/untrusted-server.pem" >/dev/null
   exit 1
 fi
 
-install -m 0644 "$work/ca.pem" "$work/server.pem" "$work/untrusted-ca.pem" "$work/untrusted-server.pem" "$out/"
-install -m 0644 "$work/server-key.pem" "$work/untrusted-server-key.pem" "$out/"
+install -m 0644 "$work/ca.pem" "$work/server.pem" "$work/untrusted-ca.pem" "$work/untrusted-server.pem" \
+  "$work/wronghost-server.pem" "$out/"
+install -m 0644 "$work/server-key.pem" "$work/untrusted-server-key.pem" "$work/wronghost-server-key.pem" "$out/"
 echo "test certificates written to $out"

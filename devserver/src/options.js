@@ -1,4 +1,5 @@
 'use strict';
+const { certificates } = require('./tls');
 // Start-up options, given either as one JSON object argument or as --name value flags
 // (`--perMessageDeflate` alone means true). Unknown names and bad values are refused.
 
@@ -9,7 +10,7 @@ const defaults = {
   pingTimeout: 20000, // ms
   perMessageDeflate: false,
   maxHttpBufferSize: 1000000, // bytes, also the open packet's maxPayload
-  cert: 'trusted', // 'trusted' | 'untrusted': certificate of every TLS listener
+  cert: 'trusted', // 'trusted' | 'untrusted' | 'wronghost': certificate of every TLS listener
   record: true, // keep events, commands and HTTP requests for the control interface
   verbose: false, // log connections and events to stderr
 };
@@ -20,7 +21,7 @@ function check(opts) {
   if (!count(opts.tavern) || !count(opts.tavernTls)) throw new Error('tavern counts must be integers 0..64');
   if (!ms(opts.pingInterval) || !ms(opts.pingTimeout)) throw new Error('ping times must be positive integers (ms)');
   if (!ms(opts.maxHttpBufferSize)) throw new Error('maxHttpBufferSize must be a positive integer');
-  if (opts.cert !== 'trusted' && opts.cert !== 'untrusted') throw new Error('cert must be "trusted" or "untrusted"');
+  if (!certificates.includes(opts.cert)) throw new Error(`cert must be one of ${certificates.join(', ')}`);
   for (const k of ['perMessageDeflate', 'record', 'verbose']) {
     if (typeof opts[k] !== 'boolean') throw new Error(`${k} must be a boolean`);
   }

@@ -103,8 +103,8 @@ void QNSocketManager::registerCallback() {
       {"MemberLeft", &QNSocketMessageDelegate::onMemberLeft},
       {"ChannelMessageReceived", &QNSocketMessageDelegate::onChannelMessageReceived},
   };
-  for (auto& [event, member] : kEvents) {
-    socket->on(event, [weak = weak_from_this(), member](const sio::Payload& args, const sio::Responder&) {
+  for (auto& entry : kEvents) {
+    socket->on(entry.first, [weak = weak_from_this(), member = entry.second](const sio::Payload& args, const sio::Responder&) {
       auto self = weak.lock();
       if (!self) return;
       auto delegate = [&] {

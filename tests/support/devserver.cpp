@@ -373,7 +373,7 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
       {"pingTimeout", o.pingTimeout.count()},
       {"perMessageDeflate", o.perMessageDeflate},
       {"maxHttpBufferSize", o.maxHttpBufferSize},
-      {"cert", o.untrustedCert ? "untrusted" : "trusted"},
+      {"cert", o.untrustedCert ? "untrusted" : o.wrongHostCert ? "wronghost" : "trusted"},
       {"record", o.record},
       {"verbose", o.verbose},
   };

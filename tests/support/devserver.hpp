@@ -135,6 +135,7 @@ struct DevServerOptions {
   bool perMessageDeflate = false;
   std::int64_t maxHttpBufferSize = 1000000;  // also the open packet's maxPayload
   bool untrustedCert = false;                // every TLS listener serves the untrusted CA's certificate
+  bool wrongHostCert = false;                // ... or one of the trusted CA for another host name
   bool record = true;                        // keep events, commands and requests (off for floods)
   bool verbose = false;                      // connection and event log on stderr
   std::string stderrPath;                    // empty: inherit the test's stderr
