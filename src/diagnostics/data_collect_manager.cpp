@@ -48,16 +48,15 @@ void QNDataCollectManager::armLocked() {
                           [weak = weak_from_this(), generation = generation_] {
                             auto self = weak.lock();
                             if (!self) return;
-                            {
-                              std::lock_guard lock(self->timerMutex_);
-                              if (generation != self->generation_) return;
-                              // Counted from the previous deadline, so ticks do not drift.
-                              self->nextTick_ += self->period_;
-                              self->armLocked();
-                            }
+                            std::lock_guard lock(self->timerMutex_);
+                            if (generation != self->generation_) return;
+                            // Queued before the next tick is armed, so ticks stay in order.
                             self->queue_->async([weak] {
                               if (auto me = weak.lock()) me->upload();
                             });
+                            // Counted from the previous deadline, so ticks do not drift.
+                            self->nextTick_ += self->period_;
+                            self->armLocked();
                           });
 }
 
