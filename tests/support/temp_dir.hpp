@@ -1,30 +1,34 @@
 #pragma once
-// A fresh directory per test under the system temporary directory, removed with everything in it.
-#include <cstdlib>
+// A fresh directory per test, removed with everything in it when the test ends.
 #include <filesystem>
 #include <string>
-#include <system_error>
 
 namespace testing_support {
 
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qnbrl-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
+  TempDir();
+  ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
   const std::filesystem::path& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
 
  private:
   std::filesystem::path path_;
+};
+
+// Sets an environment variable for the life of the object and restores the old value afterwards.
+class ScopedEnv {
+ public:
+  ScopedEnv(std::string name, const char* value);  // nullptr unsets
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  bool had_value_;
+  std::string old_value_;
 };
 
 }  // namespace testing_support

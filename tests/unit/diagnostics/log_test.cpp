@@ -1,0 +1,178 @@
+#include "diagnostics/log.hpp"
+
+#include "support/temp_dir.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <vector>
+
+using namespace qnbrl;
+using testing_support::ScopedEnv;
+using testing_support::TempDir;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string readFile(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeBytes(const fs::path& p, std::size_t n) {
+  std::ofstream out(p, std::ios::binary);
+  out << std::string(n, 'x');
+}
+
+// Converted by Boost.JSON, so the log describes it through value_from; counts how often it does.
+struct Counted {
+  int* calls;
+  friend void tag_invoke(boost::json::value_from_tag, boost::json::value& v, const Counted& c) {
+    ++*c.calls;
+    v = "counted";
+  }
+};
+
+class QNLogTest : public ::testing::Test {
+ protected:
+  TempDir dir;
+  std::string path = QNLog::createFile(dir.path());
+  QNLog log{path};
+
+  std::string written() {
+    log.flush();
+    return readFile(path);
+  }
+};
+
+}  // namespace
+
+TEST_F(QNLogTest, FilterZeroSilencesEveryLevel) {
+  log.info("a");
+  log.warn("b");
+  log.error("c");
+  log.critical("d");
+  log.setLogFilter(-8);
+  log.critical("e");
+  EXPECT_EQ(written(), "");
+}
+
+TEST_F(QNLogTest, FiltersAreAtLeastThresholdsNotBits) {
+  const std::map<std::int64_t, std::string> expected{
+      {1, "i\n"},       {2, "i\nw\n"},       {3, "i\nw\n"},         {4, "i\nw\ne\n"},
+      {7, "i\nw\ne\n"}, {8, "i\nw\ne\nc\n"}, {1000, "i\nw\ne\nc\n"}};
+  for (const auto& [filter, lines] : expected) {
+    fs::resize_file(path, 0);
+    log.setLogFilter(filter);
+    log.info("i");
+    log.warn("w");
+    log.error("e");
+    log.critical("c");
+    EXPECT_EQ(written(), lines) << "filter " << filter;
+  }
+}
+
+TEST_F(QNLogTest, LinesAreTrimmedAndEndInOneLineBreak) {
+  log.setLogFilter(1);
+  log.info("  \t%@ \n\r\n", "message with  inner  spaces");
+  log.writeLogToFile("\xC2\xA0unicode space\xE3\x80\x80");
+  log.writeLogToFile(" \n ");
+  EXPECT_EQ(written(), "message with  inner  spaces\nunicode space\n\n");
+}
+
+TEST_F(QNLogTest, PlaceholdersTakeStringsNumbersAndCompactJson) {
+  log.setLogFilter(8);
+  boost::json::object params{{"channelId", "c1"}, {"keys", boost::json::array{"a", "b"}}};
+  log.info("socket config: %@", params);
+  log.info("join channel: %@, ret = %@", std::string("c1"), 0);
+  log.info("PeersOnlineStatusChanged: %@", std::vector<std::string>{"p1", "p2"});
+  log.info("%@ %@ %@ %@ 100%%", boost::json::value("text"), std::optional<int>{}, 1.5, true);
+  log.warn("disconnectReason, params = %@", boost::json::value(boost::json::array{"KickOff"}));
+  EXPECT_EQ(written(),
+            "socket config: {\"channelId\":\"c1\",\"keys\":[\"a\",\"b\"]}\n"
+            "join channel: c1, ret = 0\n"
+            "PeersOnlineStatusChanged: [\"p1\",\"p2\"]\n"
+            "text (null) 1.5 true 100%\n"
+            "disconnectReason, params = [\"KickOff\"]\n");
+}
+
+TEST_F(QNLogTest, ArgumentsOfSilencedLevelsAreNeverDescribed) {
+  int described = 0;
+  log.setLogFilter(1);
+  log.warn("%@", Counted{&described});
+  EXPECT_EQ(described, 0);
+  log.info("%@", Counted{&described});
+  EXPECT_EQ(described, 1);
+  EXPECT_EQ(written(), "counted\n");
+}
+
+TEST_F(QNLogTest, MissingFileLosesLinesSilentlyUntilItExistsAgain) {
+  log.setLogFilter(1);
+  fs::remove(path);
+  log.info("lost");
+  log.flush();
+  EXPECT_FALSE(fs::exists(path));
+
+  log.setLogFilePath((dir.path() / "no-such-dir" / "x.log").string());
+  log.info("lost too");
+  log.flush();
+  EXPECT_FALSE(fs::exists(dir.path() / "no-such-dir"));
+
+  auto other = dir.path() / "other.log";
+  std::ofstream(other).close();
+  log.setLogFilePath(other.string());
+  log.info("kept");
+  log.flush();
+  EXPECT_EQ(readFile(other), "kept\n");
+}
+
+TEST_F(QNLogTest, LinesFromManyThreadsStayWholeAndInOrderPerThread) {
+  log.setLogFilter(1);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < 50; ++i) log.info("t%@ line %@ of text", t, i);
+    });
+  }
+  for (auto& th : threads) th.join();
+  std::istringstream lines(written());
+  std::string line;
+  int count = 0;
+  std::map<int, int> next;
+  while (std::getline(lines, line)) {
+    int t = 0, i = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(), "t%d line %d of text", &t, &i), 2) << line;
+    EXPECT_EQ(i, next[t]++);
+    ++count;
+  }
+  EXPECT_EQ(count, 200);
+}
+
+TEST(QNLogFile, CreateFileKeepsExactlyTenMebibytesAndDeletesOneByteMore) {
+  TempDir dir;
+  auto path = dir.path() / "qn_brl.log";
+  writeBytes(path, 10 * 1024 * 1024);
+  EXPECT_EQ(QNLog::createFile(dir.path()), path.string());
+  EXPECT_EQ(fs::file_size(path), 10u * 1024 * 1024);
+
+  writeBytes(path, 10 * 1024 * 1024 + 1);
+  QNLog::createFile(dir.path());
+  ASSERT_TRUE(fs::exists(path));
+  EXPECT_EQ(fs::file_size(path), 0u);
+}
+
+TEST(QNLogFile, DefaultFileLivesInTheCachesDirectory) {
+  TempDir dir;
+  {
+    ScopedEnv cache("XDG_CACHE_HOME", (dir.path() / "cache").c_str());
+    EXPECT_EQ(QNLog::createFile(), (dir.path() / "cache" / "qn_brl.log").string());
+    EXPECT_TRUE(fs::exists(dir.path() / "cache" / "qn_brl.log"));
+  }
+  ScopedEnv home("HOME", dir.path().c_str());
+  ScopedEnv cache("XDG_CACHE_HOME", nullptr);
+  EXPECT_EQ(QNLog::createFile(), (dir.path() / ".cache" / "qn_brl.log").string());
+}

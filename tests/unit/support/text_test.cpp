@@ -1,0 +1,67 @@
+#include "support/text.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace qnbrl;
+
+TEST(TimeStamp, IsMillisecondsSinceTheEpoch) {
+  auto before = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    std::chrono::system_clock::now().time_since_epoch())
+                    .count();
+  auto stamp = currentTimeStamp();
+  EXPECT_EQ(std::to_string(stamp).size(), 13u);
+  EXPECT_GE(stamp, before);
+  EXPECT_LT(stamp - before, 60'000);
+}
+
+TEST(Md5, IsLowerCaseHexAndStopsAtTheFirstZeroByte) {
+  EXPECT_EQ(md5Value(""), "d41d8cd98f00b204e9800998ecf8427e");
+  EXPECT_EQ(md5Value("abc"), "900150983cd24fb0d6963f7d28e17f72");
+  EXPECT_EQ(md5Value(std::string("abc\0def", 7)), md5Value("abc"));
+  EXPECT_EQ(md5Value(std::string("\0abc", 4)), md5Value(""));
+}
+
+TEST(Match, IsAnchoredAtBothEnds) {
+  const std::string id = "^[a-zA-Z0-9_]{1,64}$";
+  EXPECT_TRUE(match("user_1", "[a-z_0-9]+"));
+  EXPECT_FALSE(match("user 1", "[a-z_0-9]+"));
+  EXPECT_FALSE(match("xuser", "user"));
+  EXPECT_TRUE(match(std::string(64, 'a'), id));
+  EXPECT_FALSE(match(std::string(65, 'a'), id));
+  EXPECT_FALSE(match("", id));
+  EXPECT_FALSE(match("abc", "(unclosed"));
+  EXPECT_FALSE(match("a\nb", "a.b"));
+}
+
+TEST(Search, CaseInsensitiveMultilineAnchorsMatchAtLineBoundaries) {
+  const char* domain = R"(^https?:\/\/(([a-z0-9]+|[a-z0-9]+[a-z0-9\-_]*[a-z0-9]+)\.)+([a-z]+)(:\d+)?$)";
+  SearchOptions opts{.caseInsensitive = true, .multiline = true};
+  EXPECT_TRUE(search("https://API.Example.COM:443", domain, opts));
+  EXPECT_FALSE(search("https://API.Example.COM", domain, {.caseInsensitive = false, .multiline = true}));
+  EXPECT_TRUE(search("garbage\nhttps://api.example.com", domain, opts));
+  EXPECT_FALSE(
+      search("garbage\nhttps://api.example.com", domain, {.caseInsensitive = true, .multiline = false}));
+  EXPECT_FALSE(search("https://host-.example.com", domain, opts));
+  EXPECT_FALSE(search("https://localhost", domain, opts));
+  EXPECT_FALSE(search("https://api.example.com/", domain, opts));
+  EXPECT_TRUE(search("say hello there", "hello"));
+}
+
+TEST(Match, CompiledPatternsAreSharedSafelyAcrossThreads) {
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong = 0;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 300; ++i) {
+        auto pattern = "p" + std::to_string((i + t) % 300) + "[0-9]*";
+        if (!match("p" + std::to_string((i + t) % 300) + "12", pattern)) ++wrong;
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(wrong, 0);
+}

@@ -1,0 +1,123 @@
+#include "support/timer.hpp"
+
+#include "socketio/clock.hpp"
+#include "support/wait.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+using namespace qnbrl;
+using namespace std::chrono_literals;
+using testing_support::waitUntil;
+
+namespace {
+
+class QNBRLTimerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { sio::Clock::install(clock); }
+  void TearDown() override { sio::Clock::install(nullptr); }
+  // Moves time and waits until the main queue has run what became due.
+  void advance(sio::Clock::duration d) {
+    clock->advance(d);
+    MainQueue::sync([] {});
+  }
+  std::shared_ptr<sio::ManualClock> clock = std::make_shared<sio::ManualClock>();
+};
+
+}  // namespace
+
+TEST_F(QNBRLTimerTest, OneShotFiresOnceOneIntervalAfterTheCallAndReleasesItself) {
+  std::atomic<int> fired = 0;
+  std::weak_ptr<QNBRLTimer> weak;
+  {
+    auto timer = QNBRLTimer::startTimer(2.0, false, [&] {
+      EXPECT_TRUE(MainQueue::isCurrent());
+      ++fired;
+    });
+    weak = timer;
+  }
+  ASSERT_FALSE(weak.expired());  // the scheduled timer keeps itself alive
+  advance(1999ms);
+  EXPECT_EQ(fired, 0);
+  advance(1ms);
+  EXPECT_EQ(fired, 1);
+  advance(10s);
+  EXPECT_EQ(fired, 1);
+  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(clock->pending(), 0u);
+}
+
+TEST_F(QNBRLTimerTest, RepeatingKeepsItsCadenceUntilStopped) {
+  std::atomic<int> fired = 0;
+  auto timer = QNBRLTimer::startTimer(1.0, true, [&] { ++fired; });
+  for (int i = 1; i <= 3; ++i) {
+    advance(1s);
+    EXPECT_EQ(fired, i);
+  }
+  // Firings missed in one long step collapse into one, and the cadence stays on whole seconds.
+  advance(3500ms);
+  EXPECT_EQ(fired, 4);
+  advance(499ms);
+  EXPECT_EQ(fired, 4);
+  advance(1ms);
+  EXPECT_EQ(fired, 5);
+  std::weak_ptr<QNBRLTimer> weak = timer;
+  timer->stop();
+  timer->stop();
+  timer.reset();
+  advance(5s);
+  EXPECT_EQ(fired, 5);
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(QNBRLTimerTest, StopBeforeTheFirstFiringPreventsEveryCall) {
+  std::atomic<int> fired = 0;
+  auto timer = QNBRLTimer::startTimer(1.0, true, [&] { ++fired; });
+  timer->stop();
+  advance(5s);
+  EXPECT_EQ(fired, 0);
+  timer->timerClock();  // the block is kept after stop
+  EXPECT_EQ(fired, 1);
+}
+
+TEST_F(QNBRLTimerTest, StopFromInsideTheBlockEndsARepeatingTimer) {
+  std::atomic<int> fired = 0;
+  std::shared_ptr<QNBRLTimer> timer;
+  timer = QNBRLTimer::startTimer(1.0, true, [&] {
+    ++fired;
+    timer->stop();
+  });
+  advance(1s);
+  advance(1s);
+  EXPECT_EQ(fired, 1);
+}
+
+TEST_F(QNBRLTimerTest, FiresAsATaskOfTheGivenSerialQueue) {
+  auto queue = SerialQueue::create("com.qn.logan.timer.queue");
+  std::atomic<int> fired = 0;
+  std::atomic<bool> on_queue = false;
+  auto timer = QNBRLTimer::startTimer(
+      60.0, true,
+      [&] {
+        on_queue = queue->isCurrent();
+        ++fired;
+      },
+      queue);
+  clock->advance(60s);
+  ASSERT_TRUE(waitUntil([&] { return fired == 1; }));
+  EXPECT_TRUE(on_queue);
+  ASSERT_TRUE(waitUntil([&] { return clock->pending() == 1; }));  // re-armed for the next tick
+  timer->stop();
+  EXPECT_EQ(clock->pending(), 0u);
+}
+
+TEST_F(QNBRLTimerTest, NonPositiveIntervalsDoNotFireAtOnce) {
+  std::atomic<int> fired = 0;
+  auto timer = QNBRLTimer::startTimer(-1.0, true, [&] { ++fired; });
+  MainQueue::sync([] {});
+  EXPECT_EQ(fired, 0);
+  advance(100us);
+  EXPECT_EQ(fired, 1);
+  timer->stop();
+}
