@@ -3,7 +3,6 @@
 #include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_uploader.hpp"
 
-#include <chrono>
 #include <filesystem>
 
 namespace qnbrl {
@@ -34,36 +33,22 @@ void QNDataCollectManager::setUrlString(std::string urlString) { loganUploader_-
 void QNDataCollectManager::writeLog(std::string log) { loganFileManager_->writeLog(std::move(log)); }
 
 void QNDataCollectManager::startUploadTimerWithInterval(double interval) {
-  stopUploadTimer();
-  if (!(interval > 0)) return;
   std::lock_guard lock(timerMutex_);
-  period_ = std::chrono::duration_cast<sio::Clock::duration>(std::chrono::duration<double>(interval));
-  nextTick_ = sio::Clock::current().now() + period_;
-  armLocked();
-}
-
-void QNDataCollectManager::armLocked() {
-  auto& clock = sio::Clock::current();
-  timer_ = clock.schedule(backgroundExecutor(), nextTick_ - clock.now(),
-                          [weak = weak_from_this(), generation = generation_] {
-                            auto self = weak.lock();
-                            if (!self) return;
-                            std::lock_guard lock(self->timerMutex_);
-                            if (generation != self->generation_) return;
-                            // Queued before the next tick is armed, so ticks stay in order.
-                            self->queue_->async([weak] {
-                              if (auto me = weak.lock()) me->upload();
-                            });
-                            // Counted from the previous deadline, so ticks do not drift.
-                            self->nextTick_ += self->period_;
-                            self->armLocked();
-                          });
+  if (timer_) timer_->stop();
+  timer_.reset();
+  if (!(interval > 0)) return;
+  // Ticks run as tasks of the timer queue, so upload cycles never overlap.
+  timer_ = QNBRLTimer::startTimer(
+      interval, true,
+      [weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->upload();
+      },
+      queue_);
 }
 
 void QNDataCollectManager::stopUploadTimer() {
   std::lock_guard lock(timerMutex_);
-  ++generation_;
-  if (timer_) timer_->cancel();
+  if (timer_) timer_->stop();
   timer_.reset();
 }
 

@@ -2,8 +2,8 @@
 // Joins the telemetry file store to the uploader: record lines go to the store, and on a repeating
 // timer the oldest waiting file is sent. A file leaves the store only after the server accepted it.
 #include "diagnostics/logan_protocols.hpp"
-#include "socketio/clock.hpp"
 #include "support/queues.hpp"
+#include "support/timer.hpp"
 
 #include <memory>
 #include <mutex>
@@ -38,7 +38,6 @@ class QNDataCollectManager : public std::enable_shared_from_this<QNDataCollectMa
  private:
   QNDataCollectManager(std::shared_ptr<QNLoganUploadProtocol> uploader,
                        std::shared_ptr<QNLoganFileProtocol> fileManager, bool backup);
-  void armLocked();
 
   bool isBackup_;
   std::shared_ptr<SerialQueue> queue_;
@@ -46,10 +45,7 @@ class QNDataCollectManager : public std::enable_shared_from_this<QNDataCollectMa
   std::shared_ptr<QNLoganFileProtocol> loganFileManager_;
 
   std::mutex timerMutex_;
-  sio::TimerPtr timer_;
-  sio::Clock::duration period_{};
-  sio::Clock::time_point nextTick_{};
-  std::uint64_t generation_ = 0;  // a firing from a stopped or replaced timer is ignored
+  std::shared_ptr<QNBRLTimer> timer_;
 };
 
 }  // namespace qnbrl

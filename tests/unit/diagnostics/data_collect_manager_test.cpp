@@ -17,6 +17,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
+std::string under(const TempDir& dir, const std::string& name) { return (dir.path() / name).string(); }
+
 // Records each file handed over and lets the test answer when it likes.
 class FakeUploader : public QNLoganUploadProtocol {
  public:
@@ -59,11 +61,11 @@ class CollectorTest : public ::testing::Test {
   void TearDown() override { sio::Clock::install(nullptr); }
 
   std::shared_ptr<QNDataCollectManager> makeCollector(bool backup) {
-    store = QNLoganFileManager::create(tmp / "logan", backup);
+    store = QNLoganFileManager::create(under(tmp, "logan"), backup);
     return QNDataCollectManager::create(uploader, store, backup);
   }
   std::string waitingFile(const std::string& name, const std::string& content) {
-    auto path = tmp / ("logan/" + name);
+    auto path = under(tmp, "logan/" + name);
     std::ofstream(path) << content;
     return path;
   }
@@ -132,7 +134,7 @@ TEST_F(CollectorTest, AcceptedFileIsDeletedOrBackedUp) {
     ASSERT_EQ(uploader->calls(), 1u);
     uploader->answer(0, true);
     EXPECT_FALSE(fs::exists(file));
-    EXPECT_EQ(fs::exists(tmp / "logan_bak/2020_01_01_00_00_00"), backup);
+    EXPECT_EQ(fs::exists(under(tmp, "logan_bak/2020_01_01_00_00_00")), backup);
     fs::remove_all(tmp.path() / "logan_bak");
   }
 }

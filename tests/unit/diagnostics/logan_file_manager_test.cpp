@@ -16,6 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+std::string under(const TempDir& dir, const std::string& name) { return (dir.path() / name).string(); }
+
 std::vector<std::string> readLines(const std::string& path) {
   std::ifstream in(path);
   std::vector<std::string> lines;
@@ -60,32 +62,32 @@ std::string localStamp() {
 
 TEST(LoganFileStore, CreationMakesDirectoryBackupSiblingAndWorkingFile) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "nested/logan", true);
-  EXPECT_TRUE(fs::is_directory(tmp / "nested/logan"));
-  EXPECT_TRUE(fs::is_directory(tmp / "nested/logan_bak"));
-  EXPECT_EQ(store->loganBackupDirPath(), tmp / "nested/logan_bak");
-  EXPECT_EQ(store->loganFileToWrite(), tmp / "nested/logan/logan");
+  auto store = QNLoganFileManager::create(under(tmp, "nested/logan"), true);
+  EXPECT_TRUE(fs::is_directory(under(tmp, "nested/logan")));
+  EXPECT_TRUE(fs::is_directory(under(tmp, "nested/logan_bak")));
+  EXPECT_EQ(store->loganBackupDirPath(), under(tmp, "nested/logan_bak"));
+  EXPECT_EQ(store->loganFileToWrite(), under(tmp, "nested/logan/logan"));
   EXPECT_TRUE(fs::is_regular_file(store->loganFileToWrite()));
 
   // A trailing separator names the same directory, so the backup is still its sibling.
-  auto slashed = QNLoganFileManager::create(tmp / "other/", false);
-  EXPECT_EQ(slashed->loganBackupDirPath(), tmp / "other_bak");
+  auto slashed = QNLoganFileManager::create(under(tmp, "other/"), false);
+  EXPECT_EQ(slashed->loganBackupDirPath(), under(tmp, "other_bak"));
 }
 
 TEST(LoganFileStore, FirstFileClosesAfter99RecordsThenEveryFileHolds100) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
   writeRecords(*store, 1, 99);
-  EXPECT_EQ(entries(tmp / "logan"), std::set<std::string>{"logan"});
+  EXPECT_EQ(entries(under(tmp, "logan")), std::set<std::string>{"logan"});
   EXPECT_EQ(readLines(store->loganFileToWrite()).size(), 99u);
 
   writeRecords(*store, 100, 1);
-  auto names = entries(tmp / "logan");
+  auto names = entries(under(tmp, "logan"));
   ASSERT_EQ(names.size(), 2u);
   names.erase("logan");
   auto closed = *names.begin();
   EXPECT_TRUE(std::regex_match(closed, std::regex(R"(\d{4}_\d{2}_\d{2}_\d{2}_\d{2}_\d{2})"))) << closed;
-  auto closedLines = readLines(tmp / ("logan/" + closed));
+  auto closedLines = readLines(under(tmp, "logan/" + closed));
   ASSERT_EQ(closedLines.size(), 99u);
   EXPECT_EQ(closedLines.front(), "record 1");
   EXPECT_EQ(closedLines.back(), "record 99");
@@ -97,12 +99,12 @@ TEST(LoganFileStore, FirstFileClosesAfter99RecordsThenEveryFileHolds100) {
   writeRecords(*store, 101, 99);
   EXPECT_EQ(readLines(store->loganFileToWrite()).size(), 100u);
   EXPECT_EQ(store->writeCount(), 99);
-  EXPECT_EQ(entries(tmp / "logan").size(), 2u);
+  EXPECT_EQ(entries(under(tmp, "logan")).size(), 2u);
 }
 
 TEST(LoganFileStore, ClosedOffNameIsTheLocalTimeOfClosing) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
   auto before = localStamp();
   auto name = fs::path(store->nextLogPath()).filename().string();
   auto after = localStamp();
@@ -112,7 +114,7 @@ TEST(LoganFileStore, ClosedOffNameIsTheLocalTimeOfClosing) {
 
 TEST(LoganFileStore, RenameCollisionKeepsBothFilesAndWritingGoesOn) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
   writeRecords(*store, 1, 3);
   // Occupy the name the close-off will take; retry if the second ticks over in between.
   bool collided = false;
@@ -124,10 +126,10 @@ TEST(LoganFileStore, RenameCollisionKeepsBothFilesAndWritingGoesOn) {
     if (!collided) fs::remove(target);
   }
   ASSERT_TRUE(collided);
-  auto names = entries(tmp / "logan");
+  auto names = entries(under(tmp, "logan"));
   names.erase("logan");
   ASSERT_EQ(names.size(), 1u);
-  EXPECT_EQ(readLines(tmp / ("logan/" + *names.begin())), std::vector<std::string>{"earlier"});
+  EXPECT_EQ(readLines(under(tmp, "logan/" + *names.begin())), std::vector<std::string>{"earlier"});
   EXPECT_EQ(readLines(store->loganFileToWrite()).size(), 3u);
   EXPECT_EQ(store->writeCount(), 0);
   writeRecords(*store, 4, 1);
@@ -136,77 +138,77 @@ TEST(LoganFileStore, RenameCollisionKeepsBothFilesAndWritingGoesOn) {
 
 TEST(LoganFileStore, WaitingFileSelection) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
 
   // Only an empty working file: nothing to send and nothing closed off.
   EXPECT_EQ(store->getWaitUploadFilePath(), std::nullopt);
-  EXPECT_EQ(entries(tmp / "logan"), std::set<std::string>{"logan"});
+  EXPECT_EQ(entries(under(tmp, "logan")), std::set<std::string>{"logan"});
 
   // Created in this order, named in the opposite order: creation date decides, not the name.
-  writeFile(tmp / "logan/2030_01_01_00_00_00", "older\n");
-  writeFileAfter(tmp / "logan/2020_01_01_00_00_00", "newer\n", tmp / "logan/2030_01_01_00_00_00");
-  writeFile(tmp / "logan/.DS_Store", "x");
+  writeFile(under(tmp, "logan/2030_01_01_00_00_00"), "older\n");
+  writeFileAfter(under(tmp, "logan/2020_01_01_00_00_00"), "newer\n", under(tmp, "logan/2030_01_01_00_00_00"));
+  writeFile(under(tmp, "logan/.DS_Store"), "x");
   writeRecords(*store, 1, 2);
-  EXPECT_EQ(store->getWaitUploadFilePath(), tmp / "logan/2030_01_01_00_00_00");
-  fs::remove(tmp / "logan/2030_01_01_00_00_00");
-  EXPECT_EQ(store->getWaitUploadFilePath(), tmp / "logan/2020_01_01_00_00_00");
-  fs::remove(tmp / "logan/2020_01_01_00_00_00");
+  EXPECT_EQ(store->getWaitUploadFilePath(), under(tmp, "logan/2030_01_01_00_00_00"));
+  fs::remove(under(tmp, "logan/2030_01_01_00_00_00"));
+  EXPECT_EQ(store->getWaitUploadFilePath(), under(tmp, "logan/2020_01_01_00_00_00"));
+  fs::remove(under(tmp, "logan/2020_01_01_00_00_00"));
 
   // An empty waiting file is deleted during the walk; then the partly filled working file is
   // closed off and offered.
-  writeFile(tmp / "logan/2021_01_01_00_00_00", "");
+  writeFile(under(tmp, "logan/2021_01_01_00_00_00"), "");
   auto path = store->getWaitUploadFilePath();
   ASSERT_TRUE(path.has_value());
-  EXPECT_FALSE(fs::exists(tmp / "logan/2021_01_01_00_00_00"));
+  EXPECT_FALSE(fs::exists(under(tmp, "logan/2021_01_01_00_00_00")));
   EXPECT_EQ(readLines(*path), (std::vector<std::string>{"record 1", "record 2"}));
   EXPECT_EQ(fs::file_size(store->loganFileToWrite()), 0u);
 }
 
 TEST(LoganFileStore, OrderIsOldestCreationFirst) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
   std::string previous = store->loganFileToWrite();
   for (auto name : {"c", "a", "b"}) {
-    writeFileAfter(tmp / (std::string("logan/") + name), "x", previous);
-    previous = tmp / (std::string("logan/") + name);
+    writeFileAfter(under(tmp, std::string("logan/") + name), "x", previous);
+    previous = under(tmp, std::string("logan/") + name);
   }
   auto names = store->allLogPaths();
   ASSERT_TRUE(names.has_value());
   EXPECT_EQ(*names, (std::vector<std::string>{"logan", "c", "a", "b"}));
-  EXPECT_EQ(QNLoganFileManager::fileCreationDate(tmp / "logan/missing"), std::nullopt);
-  EXPECT_EQ(QNLoganFileManager::create(tmp / "gone", false)->allLogPaths()->size(), 1u);
+  EXPECT_EQ(QNLoganFileManager::fileCreationDate(under(tmp, "logan/missing")), std::nullopt);
+  EXPECT_EQ(QNLoganFileManager::create(under(tmp, "gone"), false)->allLogPaths()->size(), 1u);
 }
 
 TEST(LoganFileStore, StartUpRemovesEmptyLeftoversAndAppendsToTheOldWorkingFile) {
   TempDir tmp;
-  fs::create_directories(tmp / "logan");
-  writeFile(tmp / "logan/2020_01_01_00_00_00", "");
-  writeFile(tmp / "logan/2020_01_01_00_00_01", "kept\n");
-  writeFile(tmp / "logan/logan", "from before\n");
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
-  EXPECT_EQ(entries(tmp / "logan"), (std::set<std::string>{"logan", "2020_01_01_00_00_01"}));
+  fs::create_directories(under(tmp, "logan"));
+  writeFile(under(tmp, "logan/2020_01_01_00_00_00"), "");
+  writeFile(under(tmp, "logan/2020_01_01_00_00_01"), "kept\n");
+  writeFile(under(tmp, "logan/logan"), "from before\n");
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
+  EXPECT_EQ(entries(under(tmp, "logan")), (std::set<std::string>{"logan", "2020_01_01_00_00_01"}));
   writeRecords(*store, 1, 1);
   EXPECT_EQ(readLines(store->loganFileToWrite()), (std::vector<std::string>{"from before", "record 1"}));
 }
 
 TEST(LoganFileStore, MoveToBackupKeepsTheName) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", true);
-  writeFile(tmp / "logan/2020_01_01_00_00_00", "sent\n");
-  store->moveToBackupWithFilePath(tmp / "logan/2020_01_01_00_00_00");
-  EXPECT_FALSE(fs::exists(tmp / "logan/2020_01_01_00_00_00"));
-  EXPECT_EQ(readLines(tmp / "logan_bak/2020_01_01_00_00_00"), std::vector<std::string>{"sent"});
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), true);
+  writeFile(under(tmp, "logan/2020_01_01_00_00_00"), "sent\n");
+  store->moveToBackupWithFilePath(under(tmp, "logan/2020_01_01_00_00_00"));
+  EXPECT_FALSE(fs::exists(under(tmp, "logan/2020_01_01_00_00_00")));
+  EXPECT_EQ(readLines(under(tmp, "logan_bak/2020_01_01_00_00_00")), std::vector<std::string>{"sent"});
   // A name already in the backup is not overwritten, and a missing file is only reported.
-  writeFile(tmp / "logan/2020_01_01_00_00_00", "again\n");
-  store->moveToBackupWithFilePath(tmp / "logan/2020_01_01_00_00_00");
-  EXPECT_EQ(readLines(tmp / "logan_bak/2020_01_01_00_00_00"), std::vector<std::string>{"sent"});
-  store->moveToBackupWithFilePath(tmp / "logan/nothing");
+  writeFile(under(tmp, "logan/2020_01_01_00_00_00"), "again\n");
+  store->moveToBackupWithFilePath(under(tmp, "logan/2020_01_01_00_00_00"));
+  EXPECT_EQ(readLines(under(tmp, "logan_bak/2020_01_01_00_00_00")), std::vector<std::string>{"sent"});
+  store->moveToBackupWithFilePath(under(tmp, "logan/nothing"));
 }
 
 TEST(LoganFileStore, UnusableDirectoryDropsRecordsQuietly) {
   TempDir tmp;
-  writeFile(tmp / "plain-file", "not a directory");
-  auto store = QNLoganFileManager::create(tmp / "plain-file/logan", false);
+  writeFile(under(tmp, "plain-file"), "not a directory");
+  auto store = QNLoganFileManager::create(under(tmp, "plain-file/logan"), false);
   writeRecords(*store, 1, 150);
   EXPECT_EQ(store->getWaitUploadFilePath(), std::nullopt);
   EXPECT_EQ(store->allLogPaths(), std::nullopt);
@@ -214,7 +216,7 @@ TEST(LoganFileStore, UnusableDirectoryDropsRecordsQuietly) {
 
 TEST(LoganFileStore, VanishedWorkingFileLosesRecordsUntilTheHandleIsReset) {
   TempDir tmp;
-  auto store = QNLoganFileManager::create(tmp / "logan", false);
+  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
   fs::remove(store->loganFileToWrite());
   writeRecords(*store, 1, 5);
   EXPECT_FALSE(fs::exists(store->loganFileToWrite()));
