@@ -1,0 +1,181 @@
+// The secure store against a real Secret Service. Run under a private session bus with an unlocked
+// keyring, for example:
+//   HOME=$(mktemp -d) dbus-run-session -- sh -c 'printf pw | gnome-keyring-daemon --unlock
+//     --components=secrets >/dev/null; ctest -L integration'   (one line)
+// Without one the tests skip, except the locked-keyring test, which starts a session of its own.
+#include "support/keychain_store.hpp"
+#include "support/temp_dir.hpp"
+#include "support/uuid_helper.hpp"
+
+#include <gtest/gtest.h>
+#include <libsecret/secret.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+using namespace qnbrl;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using testing_support::TempDir;
+
+namespace {
+
+// The same attributes as the store's items, matched by any client regardless of schema name.
+const SecretSchema kAnyClient = {"org.example.Other",
+                                 SECRET_SCHEMA_DONT_MATCH_NAME,
+                                 {{"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                  {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                  {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
+                                 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+
+// Why the default keyring cannot be used, or empty when it can.
+std::string defaultCollectionProblem() {
+  GError* error = nullptr;
+  SecretService* service = secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
+  if (!service) {
+    std::string why = error ? error->message : "unknown error";
+    g_clear_error(&error);
+    return "no Secret Service on the session bus (" + why + ")";
+  }
+  SecretCollection* collection =
+      secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+  g_clear_error(&error);
+  std::string problem;
+  if (!collection) {
+    problem = "the Secret Service has no default keyring";
+  } else if (secret_collection_get_locked(collection)) {
+    problem = "the default keyring is locked";
+  }
+  if (collection) g_object_unref(collection);
+  g_object_unref(service);
+  return problem;
+}
+
+bool lockDefaultCollection() {
+  SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
+  if (!service) return false;
+  SecretCollection* collection =
+      secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, nullptr);
+  bool locked = false;
+  if (collection) {
+    GList objects{collection, nullptr, nullptr};
+    locked = secret_service_lock_sync(service, &objects, nullptr, nullptr, nullptr) > 0;
+    g_object_unref(collection);
+  }
+  g_object_unref(service);
+  return locked;
+}
+
+std::string lookupAsAnotherClient(const std::string& service, const std::string& account) {
+  gchar* value = secret_password_lookup_sync(&kAnyClient, nullptr, nullptr, "service", service.c_str(), "account",
+                                             account.c_str(), nullptr);
+  std::string out = value ? value : "(none)";
+  secret_password_free(value);
+  return out;
+}
+
+class SecretServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (auto problem = defaultCollectionProblem(); !problem.empty())
+      GTEST_SKIP() << problem << "; run these tests under dbus-run-session with gnome-keyring-daemon --unlock";
+    backend = secretServiceBackend();
+    ASSERT_NE(backend, nullptr);
+    // A service of its own per test, so parallel runs do not meet in the shared keyring.
+    QNKeyChainStore::setDefaultService(service);
+    QNKeyChainStore::setBackend(backend);
+  }
+  void TearDown() override {
+    if (backend) {
+      backend->remove(service, "com.qn.device.uuid");
+      backend->remove(service, "k");
+      backend->remove("", "k");
+    }
+    QNKeyChainStore::setBackend(nullptr);
+  }
+
+  std::string service = std::string("qnbrl-test-") +
+                        ::testing::UnitTest::GetInstance()->current_test_info()->name() + "-" +
+                        std::to_string(::getpid());
+  std::shared_ptr<KeyChainBackend> backend;
+};
+
+}  // namespace
+
+TEST_F(SecretServiceTest, StoresReplacesAndDeletesOneItemUnderServiceAndAccount) {
+  EXPECT_TRUE(QNKeyChainStore::setString("first", "k"));
+  EXPECT_TRUE(QNKeyChainStore::setString("second \xC3\xA9", "k"));
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), "second \xC3\xA9");
+  // Other Secret Service clients see exactly one item, with the value as text.
+  EXPECT_EQ(lookupAsAnotherClient(service, "k"), "second \xC3\xA9");
+  GList* items = secret_password_search_sync(&kAnyClient, SECRET_SEARCH_ALL, nullptr, nullptr, "service",
+                                             service.c_str(), "account", "k", nullptr);
+  EXPECT_EQ(g_list_length(items), 1u);
+  g_list_free_full(items, g_object_unref);
+
+  EXPECT_TRUE(QNKeyChainStore::deleteKey("k"));
+  CaptureStdout();
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
+  EXPECT_FALSE(QNKeyChainStore::deleteKey("k"));
+  EXPECT_EQ(GetCapturedStdout(),
+            "SecItemCopyMatching error, status: 3 00000003      \n"
+            "SecItemDelete error, status: 3 00000003      \n");
+}
+
+TEST_F(SecretServiceTest, EmptyServiceNameIsAServiceOfItsOwn) {
+  QNKeyChainStore::setDefaultService("");
+  ASSERT_TRUE(QNKeyChainStore::setString("nameless", "k"));
+  EXPECT_EQ(lookupAsAnotherClient("", "k"), "nameless");
+  QNKeyChainStore::setDefaultService(service);
+  CaptureStdout();
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
+  GetCapturedStdout();
+}
+
+TEST_F(SecretServiceTest, DeviceIdentifierIsStableAcrossCallsAndConnections) {
+  CaptureStdout();
+  auto id = QNUUIDHelper::uuidForDevice();
+  GetCapturedStdout();
+  EXPECT_EQ(id.size(), 32u);
+  EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
+  QNKeyChainStore::setBackend(secretServiceBackend());
+  EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
+  EXPECT_EQ(lookupAsAnotherClient(service, "com.qn.device.uuid"), id);
+}
+
+// Locking the shared keyring would disturb other tests, so this one starts a private session bus
+// and keyring and re-runs itself inside it.
+TEST(SecretServiceLocked, LockedKeyringRefusesQuicklyAndEachDeviceIdentifierIsFresh) {
+  if (std::getenv("QNBRL_LOCKED_KEYRING_CHILD")) {
+    ASSERT_EQ(defaultCollectionProblem(), "");
+    ASSERT_TRUE(lockDefaultCollection());
+    QNKeyChainStore::setDefaultService("qnbrl-locked-test");
+    QNKeyChainStore::setBackend(secretServiceBackend());
+    auto start = std::chrono::steady_clock::now();
+    CaptureStdout();
+    EXPECT_FALSE(QNKeyChainStore::setString("v", "k"));
+    auto a = QNUUIDHelper::uuidForDevice();
+    auto b = QNUUIDHelper::uuidForDevice();
+    auto printed = GetCapturedStdout();
+    EXPECT_EQ(printed.rfind("SecItemAdd error, status: 2 00000002     \n", 0), 0u) << printed;
+    EXPECT_EQ(a.size(), 32u);
+    EXPECT_NE(a, b);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+    return;
+  }
+  if (std::system("command -v dbus-run-session >/dev/null && command -v gnome-keyring-daemon >/dev/null") != 0)
+    GTEST_SKIP() << "needs dbus-run-session and gnome-keyring-daemon";
+  TempDir home;
+  char self[4096];
+  ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  ASSERT_GT(n, 0);
+  self[n] = '\0';
+  // No XDG_RUNTIME_DIR or GNOME_KEYRING_CONTROL: the daemon must not find the user's own keyring.
+  std::string command = "timeout 60 env -u XDG_RUNTIME_DIR -u GNOME_KEYRING_CONTROL HOME='" + home.path().string() +
+                        "' QNBRL_LOCKED_KEYRING_CHILD=1 dbus-run-session -- sh -c "
+                        "'printf pw | gnome-keyring-daemon --unlock --components=secrets >/dev/null && "
+                        "exec \"$0\" --gtest_filter=SecretServiceLocked.*' '" +
+                        std::string(self) + "' 2>/dev/null";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+}

@@ -1,0 +1,172 @@
+#include "support/keychain_store.hpp"
+#include "support/temp_dir.hpp"
+#include "support/uuid_helper.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <fstream>
+#include <set>
+
+using namespace qnbrl;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using testing_support::ScopedEnv;
+using testing_support::TempDir;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Every test works on the fallback file in its own directory, under a known service name.
+class FileStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QNKeyChainStore::setDefaultService("com.example.app");
+    QNKeyChainStore::setBackend(fileBackend(file));
+  }
+  void TearDown() override {
+    QNKeyChainStore::setBackend(nullptr);
+    QNKeyChainStore::setDefaultService(defaultService);
+  }
+
+  std::string defaultService = QNKeyChainStore::defaultService();
+  TempDir dir;
+  fs::path file = dir.path() / "qnbrl" / "secure-store.json";
+};
+
+// Answers every call with one status, to check how statuses are shown.
+class FixedStatus : public KeyChainBackend {
+ public:
+  explicit FixedStatus(KeyChainStatus s) : status(s) {}
+  KeyChainStatus add(const std::string&, const std::string&, const std::string&) override { return status; }
+  KeyChainStatus copy(const std::string&, const std::string&, std::string&) override { return status; }
+  KeyChainStatus remove(const std::string&, const std::string&) override { return status; }
+  KeyChainStatus status;
+};
+
+mode_t modeOf(const fs::path& p) {
+  struct stat st {};
+  ::stat(p.c_str(), &st);
+  return st.st_mode & 0777;
+}
+
+}  // namespace
+
+TEST_F(FileStoreTest, StoresReadsReplacesAndDeletes) {
+  EXPECT_TRUE(QNKeyChainStore::setString("first", "k"));
+  EXPECT_TRUE(QNKeyChainStore::setString("second \xC3\xA9", "k"));
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), "second \xC3\xA9");
+  EXPECT_TRUE(QNKeyChainStore::deleteKey("k"));
+
+  CaptureStdout();
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
+  EXPECT_FALSE(QNKeyChainStore::deleteKey("k"));
+  EXPECT_EQ(GetCapturedStdout(),
+            "SecItemCopyMatching error, status: 3 00000003      \n"
+            "SecItemDelete error, status: 3 00000003      \n");
+}
+
+TEST_F(FileStoreTest, FileIsPrivateToItsOwner) {
+  ASSERT_TRUE(QNKeyChainStore::setString("v", "k"));
+  EXPECT_EQ(modeOf(file), 0600u);
+  EXPECT_EQ(modeOf(file.parent_path()), 0700u);
+}
+
+TEST_F(FileStoreTest, ServicesKeepSeparateItemsAndTheEmptyServiceIsAName) {
+  QNKeyChainStore::setDefaultService("");
+  ASSERT_TRUE(QNKeyChainStore::setString("nameless", "k"));
+  QNKeyChainStore::setDefaultService("other");
+  CaptureStdout();
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
+  GetCapturedStdout();
+  QNKeyChainStore::setDefaultService("");
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), "nameless");
+}
+
+TEST_F(FileStoreTest, DamagedFileIsReportedAndHealedByTheNextWrite) {
+  fs::create_directories(file.parent_path());
+  std::ofstream(file) << "{not json";
+  CaptureStdout();
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
+  EXPECT_EQ(GetCapturedStdout(), "SecItemCopyMatching error, status: 5 00000005      \n");
+  EXPECT_TRUE(QNKeyChainStore::setString("v", "k"));
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), "v");
+}
+
+TEST_F(FileStoreTest, StatusIsShownAsNumberHexAndFourCharacters) {
+  CaptureStdout();
+  QNKeyChainStore::setBackend(std::make_shared<FixedStatus>(0x41424344));
+  EXPECT_FALSE(QNKeyChainStore::setString("v", "k"));
+  QNKeyChainStore::setBackend(std::make_shared<FixedStatus>(-1));
+  EXPECT_FALSE(QNKeyChainStore::deleteKey("k"));
+  QNKeyChainStore::setBackend(std::make_shared<FixedStatus>(24));
+  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
+  // The add message ends in "\n" directly, the other two with a space before it.
+  EXPECT_EQ(GetCapturedStdout(),
+            "SecItemAdd error, status: 1094861636 41424344 ABCD\n"
+            "SecItemDelete error, status: -1 FFFFFFFF ???? \n"
+            "SecItemCopyMatching error, status: 24 00000018      \n");
+}
+
+TEST_F(FileStoreTest, UnwritableStoreReportsTheFailure) {
+  std::ofstream(dir.path() / "plain-file") << "a file where a directory should be";
+  QNKeyChainStore::setBackend(fileBackend(dir.path() / "plain-file" / "store.json"));
+  CaptureStdout();
+  EXPECT_FALSE(QNKeyChainStore::setString("v", "k"));
+  EXPECT_EQ(GetCapturedStdout().rfind("SecItemAdd error, status: ", 0), 0u);
+}
+
+TEST_F(FileStoreTest, DeviceIdentifierIsCreatedOnceAndSurvivesALaterProcess) {
+  CaptureStdout();
+  auto id = QNUUIDHelper::uuidForDevice();
+  GetCapturedStdout();  // the first read reports the missing item
+  EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
+  // A later process opens the same file afresh.
+  QNKeyChainStore::setBackend(fileBackend(file));
+  EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
+  EXPECT_EQ(QNKeyChainStore::stringForKey("com.qn.device.uuid"), id);
+}
+
+TEST_F(FileStoreTest, DeviceIdentifierIsFreshEachTimeWhenTheStoreFails) {
+  QNKeyChainStore::setBackend(std::make_shared<FixedStatus>(2));
+  CaptureStdout();
+  auto a = QNUUIDHelper::uuidForDevice();
+  auto b = QNUUIDHelper::uuidForDevice();
+  GetCapturedStdout();
+  EXPECT_EQ(a.size(), 32u);
+  EXPECT_NE(a, b);
+}
+
+TEST(QNUUIDHelper, UuidIsThirtyTwoLowerCaseHexCharacters) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 100; ++i) {
+    auto id = QNUUIDHelper::uuid();
+    ASSERT_EQ(id.size(), 32u);
+    EXPECT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos) << id;
+    EXPECT_EQ(id[12], '4');  // version 4
+    seen.insert(id);
+  }
+  EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST(QNKeyChainStore, ServiceDefaultsToTheExecutableName) {
+  EXPECT_EQ(QNKeyChainStore::defaultService(), "qnbrl_unit_tests");
+}
+
+TEST(QNKeyChainStore, WithoutASessionBusTheFallbackFileIsChosenAtOnce) {
+  TempDir dir;
+  ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", nullptr);
+  ScopedEnv runtime("XDG_RUNTIME_DIR", nullptr);  // GIO would look for $XDG_RUNTIME_DIR/bus
+  ScopedEnv display("DISPLAY", nullptr);          // and could autolaunch a bus for an X display
+  ScopedEnv data("XDG_DATA_HOME", dir.path().c_str());
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(secretServiceBackend(), nullptr);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+
+  QNKeyChainStore::setBackend(nullptr);
+  ASSERT_TRUE(QNKeyChainStore::setString("v", "fallback-key"));
+  EXPECT_TRUE(fs::exists(dir.path() / "qnbrl" / "secure-store.json"));
+  EXPECT_EQ(QNKeyChainStore::stringForKey("fallback-key"), "v");
+  QNKeyChainStore::setBackend(nullptr);
+}
