@@ -194,7 +194,11 @@ std::optional<std::string> QNLoganFileManager::getWaitUploadFilePath() {
 
 void QNLoganFileManager::moveToBackupWithFilePath(const std::string& filePath) {
   auto target = join(loganBackupDirPath_, fs::path(filePath).filename().string());
-  if (auto ec = renameNoReplace(filePath, target)) consoleEcho(ec.message());
+  // An older backup of the same name (two close-offs in one second, or local time set back) is
+  // replaced: refusing would leave the accepted file in place, to be sent again on every tick.
+  if (::rename(filePath.c_str(), target.c_str()) != 0) {
+    consoleEcho(std::error_code(errno, std::generic_category()).message());
+  }
 }
 
 void QNLoganFileManager::removeEmptyFile() const {

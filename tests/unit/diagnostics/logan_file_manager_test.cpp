@@ -198,10 +198,12 @@ TEST(LoganFileStore, MoveToBackupKeepsTheName) {
   store->moveToBackupWithFilePath(under(tmp, "logan/2020_01_01_00_00_00"));
   EXPECT_FALSE(fs::exists(under(tmp, "logan/2020_01_01_00_00_00")));
   EXPECT_EQ(readLines(under(tmp, "logan_bak/2020_01_01_00_00_00")), std::vector<std::string>{"sent"});
-  // A name already in the backup is not overwritten, and a missing file is only reported.
+  // A name already in the backup is replaced, so the accepted file never stays behind to be sent
+  // again; a missing file is only reported.
   writeFile(under(tmp, "logan/2020_01_01_00_00_00"), "again\n");
   store->moveToBackupWithFilePath(under(tmp, "logan/2020_01_01_00_00_00"));
-  EXPECT_EQ(readLines(under(tmp, "logan_bak/2020_01_01_00_00_00")), std::vector<std::string>{"sent"});
+  EXPECT_FALSE(fs::exists(under(tmp, "logan/2020_01_01_00_00_00")));
+  EXPECT_EQ(readLines(under(tmp, "logan_bak/2020_01_01_00_00_00")), std::vector<std::string>{"again"});
   store->moveToBackupWithFilePath(under(tmp, "logan/nothing"));
 }
 
