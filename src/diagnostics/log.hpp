@@ -155,9 +155,9 @@ class QNLog {
   // Waits until every line submitted so far is written. Not from the log's own queue.
   void flush();
 
+ private:
   static bool admits(std::int64_t filter, Level level);
 
- private:
   template <class... Args>
   void log(Level level, std::string_view format, const Args&... args) {
     if (!admits(logFilter(), level)) return;

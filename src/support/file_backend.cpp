@@ -21,7 +21,8 @@ class FileBackend : public KeyChainBackend {
  public:
   explicit FileBackend(std::filesystem::path file) : file_(std::move(file)) {}
 
-  KeyChainStatus add(const std::string& service, const std::string& account, const std::string& value) override {
+  KeyChainStatus add(const std::string& service, const std::string& account,
+                     const std::string& value) override {
     std::lock_guard lock(mutex_);
     boost::json::object items;
     // A damaged file is replaced rather than left to block every later write.
@@ -97,8 +98,10 @@ class FileBackend : public KeyChainBackend {
     while (status == 0 && !rest.empty()) {
       ssize_t n = ::write(fd, rest.data(), rest.size());
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0) status = errno;
-      else rest.remove_prefix(static_cast<std::size_t>(n));
+      if (n < 0)
+        status = errno;
+      else
+        rest.remove_prefix(static_cast<std::size_t>(n));
     }
     if (status == 0 && ::fsync(fd) != 0) status = errno;
     ::close(fd);

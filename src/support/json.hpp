@@ -84,8 +84,6 @@ class FieldTable {
     return obj;
   }
 
-  const std::vector<Field<T>>& fields() const { return fields_; }
-
  private:
   std::vector<Field<T>> fields_;
 };

@@ -57,7 +57,9 @@ void printStatus(const char* format, KeyChainStatus status) {
 
 }  // namespace
 
-std::filesystem::path defaultFallbackFile() { return dataDirectory() / "qnbrl" / "secure-store.json"; }
+std::filesystem::path defaultFallbackFile() {
+  return dataDirectory() / "qnbrl" / "secure-store.json";
+}
 
 std::string QNKeyChainStore::defaultService() {
   auto& s = state();

@@ -24,7 +24,8 @@ using KeyChainStatus = std::int32_t;
 class KeyChainBackend {
  public:
   virtual ~KeyChainBackend() = default;
-  virtual KeyChainStatus add(const std::string& service, const std::string& account, const std::string& value) = 0;
+  virtual KeyChainStatus add(const std::string& service, const std::string& account,
+                             const std::string& value) = 0;
   virtual KeyChainStatus copy(const std::string& service, const std::string& account, std::string& value) = 0;
   virtual KeyChainStatus remove(const std::string& service, const std::string& account) = 0;
 };

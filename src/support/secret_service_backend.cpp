@@ -23,7 +23,14 @@ const SecretSchema kSchema = {"qnbrl.GenericPassword",
                               {{"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
                                {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
                                {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-                              0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+                              0,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr};
 
 // Cancels its GCancellable when the deadline passes before the object is destroyed.
 class Deadline {
@@ -77,13 +84,14 @@ class Deadline {
 
 class SecretServiceBackend : public KeyChainBackend {
  public:
-  KeyChainStatus add(const std::string& service, const std::string& account, const std::string& value) override {
+  KeyChainStatus add(const std::string& service, const std::string& account,
+                     const std::string& value) override {
     Deadline deadline;
     GError* error = nullptr;
     SecretValue* secret = secret_value_new(value.data(), static_cast<gssize>(value.size()), "text/plain");
-    gboolean ok = secret_password_store_binary_sync(&kSchema, SECRET_COLLECTION_DEFAULT, account.c_str(), secret,
-                                                    deadline.cancellable(), &error, "service", service.c_str(),
-                                                    "account", account.c_str(), nullptr);
+    gboolean ok = secret_password_store_binary_sync(&kSchema, SECRET_COLLECTION_DEFAULT, account.c_str(),
+                                                    secret, deadline.cancellable(), &error, "service",
+                                                    service.c_str(), "account", account.c_str(), nullptr);
     secret_value_unref(secret);
     return ok ? 0 : deadline.status(error);
   }
@@ -91,8 +99,9 @@ class SecretServiceBackend : public KeyChainBackend {
   KeyChainStatus copy(const std::string& service, const std::string& account, std::string& value) override {
     Deadline deadline;
     GError* error = nullptr;
-    SecretValue* secret = secret_password_lookup_binary_sync(&kSchema, deadline.cancellable(), &error, "service",
-                                                             service.c_str(), "account", account.c_str(), nullptr);
+    SecretValue* secret =
+        secret_password_lookup_binary_sync(&kSchema, deadline.cancellable(), &error, "service",
+                                           service.c_str(), "account", account.c_str(), nullptr);
     if (!secret) return deadline.status(error);
     gsize length = 0;
     const gchar* data = secret_value_get(secret, &length);
@@ -104,8 +113,8 @@ class SecretServiceBackend : public KeyChainBackend {
   KeyChainStatus remove(const std::string& service, const std::string& account) override {
     Deadline deadline;
     GError* error = nullptr;
-    gboolean ok = secret_password_clear_sync(&kSchema, deadline.cancellable(), &error, "service", service.c_str(),
-                                             "account", account.c_str(), nullptr);
+    gboolean ok = secret_password_clear_sync(&kSchema, deadline.cancellable(), &error, "service",
+                                             service.c_str(), "account", account.c_str(), nullptr);
     return ok ? 0 : deadline.status(error);
   }
 };
@@ -117,7 +126,8 @@ std::shared_ptr<KeyChainBackend> secretServiceBackend() {
   // without a session bus.
   Deadline deadline;
   GError* error = nullptr;
-  SecretService* service = secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, deadline.cancellable(), &error);
+  SecretService* service =
+      secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, deadline.cancellable(), &error);
   if (!service) {
     if (error) g_error_free(error);
     return nullptr;

@@ -109,14 +109,6 @@ TEST_F(FileStoreTest, StatusIsShownAsNumberHexAndFourCharacters) {
             "SecItemCopyMatching error, status: 24 00000018      \n");
 }
 
-TEST_F(FileStoreTest, UnwritableStoreReportsTheFailure) {
-  std::ofstream(dir.path() / "plain-file") << "a file where a directory should be";
-  QNKeyChainStore::setBackend(fileBackend(dir.path() / "plain-file" / "store.json"));
-  CaptureStdout();
-  EXPECT_FALSE(QNKeyChainStore::setString("v", "k"));
-  EXPECT_EQ(GetCapturedStdout().rfind("SecItemAdd error, status: ", 0), 0u);
-}
-
 TEST_F(FileStoreTest, DeviceIdentifierIsCreatedOnceAndSurvivesALaterProcess) {
   CaptureStdout();
   auto id = QNUUIDHelper::uuidForDevice();
@@ -148,10 +140,6 @@ TEST(QNUUIDHelper, UuidIsThirtyTwoLowerCaseHexCharacters) {
     seen.insert(id);
   }
   EXPECT_EQ(seen.size(), 100u);
-}
-
-TEST(QNKeyChainStore, ServiceDefaultsToTheExecutableName) {
-  EXPECT_EQ(QNKeyChainStore::defaultService(), "qnbrl_unit_tests");
 }
 
 TEST(QNKeyChainStore, WithoutASessionBusTheFallbackFileIsChosenAtOnce) {

@@ -37,6 +37,16 @@ TEST(Match, IsAnchoredAtBothEnds) {
   EXPECT_FALSE(match("a\nb", "a.b"));
 }
 
+TEST(Match, TheIdPatternCompilesUnderRe2WithItsBracketsAndClasses) {
+  const char* id = R"(^[a-zA-Z0-9!#$%&()+\-:;<=.>?@[\]^_{}|~,\s]{1,64}$)";
+  EXPECT_TRUE(match("user-1 [a]^{b}|~,!#$%&()+:;<=.>?@_", id));
+  EXPECT_TRUE(match(std::string(64, 'z'), id));
+  EXPECT_FALSE(match(std::string(65, 'z'), id));
+  EXPECT_FALSE(match("a/b", id));
+  EXPECT_FALSE(match("caf\xC3\xA9", id));
+  EXPECT_FALSE(match("", id));
+}
+
 TEST(Search, CaseInsensitiveMultilineAnchorsMatchAtLineBoundaries) {
   const char* domain = R"(^https?:\/\/(([a-z0-9]+|[a-z0-9]+[a-z0-9\-_]*[a-z0-9]+)\.)+([a-z]+)(:\d+)?$)";
   SearchOptions opts{.caseInsensitive = true, .multiline = true};
