@@ -40,6 +40,7 @@ function withoutAck(args) {
 }
 
 const SILENT_MODES = ['connected', 'open'];
+const RESERVED_EVENTS = ['connect', 'connect_error', 'disconnect', 'disconnecting', 'newListener', 'removeListener'];
 
 class TavernServer {
   // id: the number the control interface uses; credentials: {cert, key} for a TLS server, else null;
@@ -57,6 +58,14 @@ class TavernServer {
     this.tcp = new Set();
     this.records = new Map();
     this.onConnect = [];
+    this.lifecycle = Promise.resolve();
+  }
+
+  // Starts and stops run one after the other, so a restart finds the port released.
+  serialize(op) {
+    const done = this.lifecycle.then(op);
+    this.lifecycle = done.catch(() => {});
+    return done;
   }
 
   get url() {
@@ -69,7 +78,11 @@ class TavernServer {
 
   // Listens on the previous port when there was one (restart), else on an ephemeral port; falls back to an
   // ephemeral port when the old one is taken.
-  async start() {
+  start() {
+    return this.serialize(() => this.open());
+  }
+
+  async open() {
     if (this.running) return;
     try {
       await this.listen(this.port);
@@ -111,7 +124,11 @@ class TavernServer {
 
   // Closes every connection (a WebSocket close, no "41") and the listener. Peers that do not close in
   // return within a second are cut off, so a stop is bounded.
-  async stop() {
+  stop() {
+    return this.serialize(() => this.close());
+  }
+
+  async close() {
     if (!this.running) return;
     const { io } = this;
     this.server = null;
@@ -233,7 +250,7 @@ class TavernServer {
   }
 
   async push(socketId, event, args, { ack, timeoutMs }) {
-    if (typeof event !== 'string') throw new Error('event must be a string');
+    if (typeof event !== 'string' || RESERVED_EVENTS.includes(event)) throw new Error('event must be a non-reserved name');
     if (!Array.isArray(args)) throw new Error('args must be an array');
     const sockets = this.targets(socketId);
     const values = binary.decode(args);

@@ -60,12 +60,12 @@ HttpReply failed(error_code ec) {
   return r;
 }
 
-template <class Stream>
-HttpReply get(asio::io_context& ioc, Stream& stream, const std::string& target) {
-  HttpReply out;
-  http::request<http::empty_body> req{http::verb::get, target, 11};
+// One request and its response on a connected stream.
+template <class Stream, class Request>
+HttpReply exchange(asio::io_context& ioc, Stream& stream, Request& req) {
   req.set(http::field::host, "127.0.0.1");
-  req.set(http::field::content_type, "application/json");
+  req.prepare_payload();
+  HttpReply out;
   if ((out.ec = runBounded(ioc, [&](auto h) { http::async_write(stream, req, h); }))) return out;
   beast::flat_buffer buf;
   http::response<http::string_body> res;
@@ -75,12 +75,30 @@ HttpReply get(asio::io_context& ioc, Stream& stream, const std::string& target) 
   return out;
 }
 
-HttpReply getPlain(const std::string& base, const std::string& target) {
+http::request<http::empty_body> getRequest(const std::string& target) {
+  http::request<http::empty_body> req{http::verb::get, target, 11};
+  req.set(http::field::content_type, "application/json");
+  return req;
+}
+
+template <class Request>
+HttpReply plain(const std::string& base, Request req) {
   asio::io_context ioc;
   asio::ip::tcp::socket socket(ioc);
-  if (error_code ec = runBounded(ioc, [&](auto h) { socket.async_connect(endpointOf(base), h); }))
+  if (error_code ec = runBounded(ioc, [&](auto h) { socket.async_connect(endpointOf(base), h); })) {
     return failed(ec);
-  return get(ioc, socket, target);
+  }
+  return exchange(ioc, socket, req);
+}
+
+HttpReply getPlain(const std::string& base, const std::string& target) {
+  return plain(base, getRequest(target));
+}
+
+HttpReply post(const std::string& base, const std::string& target, const Bytes& body) {
+  http::request<http::vector_body<std::uint8_t>> req{http::verb::post, target, 11, body};
+  req.set(http::field::content_type, "application/octet-stream");
+  return plain(base, std::move(req));
 }
 
 // Over TLS with the project's client setup, trusting only `caFile`.
@@ -98,7 +116,8 @@ HttpReply getTls(const std::string& base, const std::string& target, const std::
           runBounded(ioc, [&](auto h) { stream.async_handshake(asio::ssl::stream_base::client, h); })) {
     return failed(ec);
   }
-  return get(ioc, stream, target);
+  auto req = getRequest(target);
+  return exchange(ioc, stream, req);
 }
 
 // A bare Engine.IO/Socket.IO session over a WebSocket, enough to see the servers answer on the wire.
@@ -230,6 +249,36 @@ TEST(DevServer, RawSocketIoSessionIsRecordedScriptedAndPushedTo) {
   ASSERT_TRUE(dev.disconnect(1, id, "KickOff"));
   EXPECT_EQ(s.read(), R"(42["disconnectReason","KickOff"])");
   EXPECT_EQ(s.read(), "41");
+}
+
+TEST(DevServer, CollectionKeepsBodiesByteForByteAndAnswersAsScripted) {
+  DevServer dev;
+  ASSERT_TRUE(dev.ready());
+  Bytes body;
+  for (int i = 0; i < 256; ++i) body.push_back(static_cast<std::uint8_t>(255 - i));
+  body.push_back(0);  // 257 bytes: the base64 form ends in padding
+
+  ASSERT_TRUE(dev.scriptCollection(CollectionAnswer().status(500).times(1)));
+  EXPECT_EQ(post(dev.httpUrl(), "/brl/v1/collect-logan", body).status, 500u);
+  EXPECT_EQ(post(dev.httpUrl(), "/brl/v1/collect-logan", {}).status, 204u);
+  const auto uploads = dev.uploads(true);
+  ASSERT_EQ(uploads.size(), 2u);
+  EXPECT_EQ(uploads[0].body, body);
+  EXPECT_EQ(uploads[0].request.headers.at("content-type"), "application/octet-stream");
+  EXPECT_TRUE(uploads[1].body.empty());
+  EXPECT_TRUE(dev.uploads().empty());
+}
+
+TEST(DevServer, StoppedTavernRefusesConnectionsAndRestartsOnItsPort) {
+  DevServer dev;
+  ASSERT_TRUE(dev.ready());
+  const std::string url = dev.tavernUrls()[0];
+  ASSERT_TRUE(dev.stopTavern(0));
+  EXPECT_EQ(RawSession(url, "").error(), asio::error::connection_refused);
+  EXPECT_EQ(dev.startTavern(0), url);
+  RawSession s(url, "");
+  ASSERT_FALSE(s.error()) << s.error().message();
+  EXPECT_FALSE(s.connect().empty());
 }
 
 TEST(PythonServer, AnswersARawSessionAndItsControlRequests) {

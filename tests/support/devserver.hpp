@@ -246,6 +246,8 @@ class DevServer {
   bool ready() const { return process_.ready(); }
   pid_t pid() const { return process_.pid(); }
   const boost::json::object& readyLine() const { return process_.readyLine(); }
+  // Ends the server process now (the destructor does it too); its wait status.
+  int stop() { return process_.stop(); }
 
   const std::vector<std::string>& tavernUrls() const { return tavernUrls_; }        // http://127.0.0.1:p
   const std::vector<std::string>& tavernTlsUrls() const { return tavernTlsUrls_; }  // https://127.0.0.1:p
@@ -333,6 +335,7 @@ class PythonServer {
   bool ready() const { return process_.ready(); }
   pid_t pid() const { return process_.pid(); }
   const std::string& url() const { return url_; }  // http://127.0.0.1:p
+  int stop() { return process_.stop(); }
 
   boost::json::object request(boost::json::object req,
                               std::chrono::milliseconds timeout = std::chrono::seconds(10));
