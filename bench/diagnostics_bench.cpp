@@ -52,8 +52,8 @@ class QuietStderr {
 };
 
 void line(std::ostream& out, const char* name, const char* unit, double value) {
-  out << "{\"bench\":\"" << name << "\",\"unit\":\"" << unit << "\",\"median\":" << value << ",\"rounds\":" << kRounds
-      << "}\n";
+  out << "{\"bench\":\"" << name << "\",\"unit\":\"" << unit << "\",\"median\":" << value
+      << ",\"rounds\":" << kRounds << "}\n";
 }
 
 }  // namespace
@@ -80,12 +80,14 @@ void runDiagnosticsBenchmarks(std::ostream& out) {
     qnbrl::LoganManager recorder((tmp.path() / "logan").string(), "bench-device");
     recorder.setAppId(std::string("bench-app"));
     recorder.setUId(std::string("bench-user"));
-    auto store = std::dynamic_pointer_cast<qnbrl::QNLoganFileManager>(recorder.collectManager()->loganFileManager());
+    auto store =
+        std::dynamic_pointer_cast<qnbrl::QNLoganFileManager>(recorder.collectManager()->loganFileManager());
     constexpr int kCalls = 5'000;
     std::vector<double> info, record;
     for (int r = 0; r < kRounds; ++r) {
-      info.push_back(secondsFor(kCalls, [&](int i) { log.info("join channel: %@, ret = %@", "bench-channel", i); }) *
-                     1e6 / kCalls);
+      info.push_back(
+          secondsFor(kCalls, [&](int i) { log.info("join channel: %@, ret = %@", "bench-channel", i); }) *
+          1e6 / kCalls);
       log.flush();
       record.push_back(secondsFor(kCalls, [&](int i) { recorder.connectState(3, i); }) * 1e6 / kCalls);
       store->queue()->sync([] {});

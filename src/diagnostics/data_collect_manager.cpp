@@ -7,14 +7,14 @@
 
 namespace qnbrl {
 
-std::shared_ptr<QNDataCollectManager> QNDataCollectManager::create(const std::string& url, const std::string& dirPath,
-                                                                   bool backup) {
+std::shared_ptr<QNDataCollectManager> QNDataCollectManager::create(const std::string& url,
+                                                                   const std::string& dirPath, bool backup) {
   return create(QNLoganUploader::create(url), QNLoganFileManager::create(dirPath, backup), backup);
 }
 
-std::shared_ptr<QNDataCollectManager> QNDataCollectManager::create(std::shared_ptr<QNLoganUploadProtocol> uploader,
-                                                                   std::shared_ptr<QNLoganFileProtocol> fileManager,
-                                                                   bool backup) {
+std::shared_ptr<QNDataCollectManager> QNDataCollectManager::create(
+    std::shared_ptr<QNLoganUploadProtocol> uploader, std::shared_ptr<QNLoganFileProtocol> fileManager,
+    bool backup) {
   return std::shared_ptr<QNDataCollectManager>(
       new QNDataCollectManager(std::move(uploader), std::move(fileManager), backup));
 }
@@ -26,11 +26,17 @@ QNDataCollectManager::QNDataCollectManager(std::shared_ptr<QNLoganUploadProtocol
       loganUploader_(std::move(uploader)),
       loganFileManager_(std::move(fileManager)) {}
 
-QNDataCollectManager::~QNDataCollectManager() { stopUploadTimer(); }
+QNDataCollectManager::~QNDataCollectManager() {
+  stopUploadTimer();
+}
 
-void QNDataCollectManager::setUrlString(std::string urlString) { loganUploader_->setUrlString(std::move(urlString)); }
+void QNDataCollectManager::setUrlString(std::string urlString) {
+  loganUploader_->setUrlString(std::move(urlString));
+}
 
-void QNDataCollectManager::writeLog(std::string log) { loganFileManager_->writeLog(std::move(log)); }
+void QNDataCollectManager::writeLog(std::string log) {
+  loganFileManager_->writeLog(std::move(log));
+}
 
 void QNDataCollectManager::startUploadTimerWithInterval(double interval) {
   std::lock_guard lock(timerMutex_);

@@ -21,7 +21,9 @@ namespace {
 constexpr std::int64_t kRecordsPerFile = 100;
 constexpr const char* kWorkingFileName = "logan";
 
-std::string join(const std::string& dir, const std::string& name) { return (fs::path(dir) / name).string(); }
+std::string join(const std::string& dir, const std::string& name) {
+  return (fs::path(dir) / name).string();
+}
 
 // A plain rename would silently replace a file closed off earlier in the same second; this one
 // fails instead, leaving both files where they are.
@@ -162,7 +164,8 @@ std::optional<double> QNLoganFileManager::fileCreationDate(const std::string& pa
 #elif defined(__APPLE__)
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-  return static_cast<double>(st.st_birthtimespec.tv_sec) + static_cast<double>(st.st_birthtimespec.tv_nsec) / 1e9;
+  return static_cast<double>(st.st_birthtimespec.tv_sec) +
+         static_cast<double>(st.st_birthtimespec.tv_nsec) / 1e9;
 #else
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
@@ -188,7 +191,8 @@ std::optional<std::string> QNLoganFileManager::getWaitUploadFilePath() {
     if (::unlink(path.c_str()) != 0) consoleEcho(std::error_code(errno, std::generic_category()).message());
   }
   struct stat st {};
-  if (::stat(loganFileToWrite_.c_str(), &st) == 0 && st.st_size != 0) return saveCurrentWritingLoganFileToWaitUpload();
+  if (::stat(loganFileToWrite_.c_str(), &st) == 0 && st.st_size != 0)
+    return saveCurrentWritingLoganFileToWaitUpload();
   return std::nullopt;
 }
 

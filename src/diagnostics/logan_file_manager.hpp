@@ -14,7 +14,8 @@
 
 namespace qnbrl {
 
-class QNLoganFileManager : public QNLoganFileProtocol, public std::enable_shared_from_this<QNLoganFileManager> {
+class QNLoganFileManager : public QNLoganFileProtocol,
+                           public std::enable_shared_from_this<QNLoganFileManager> {
  public:
   // Creates the directories, removes empty leftovers and opens (or reopens) the working file. A
   // directory that cannot be made leaves the store without a handle: records are then dropped.

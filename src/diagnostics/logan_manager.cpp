@@ -25,7 +25,9 @@ constexpr const char* kOs = "windows";
 constexpr const char* kOs = "linux";
 #endif
 
-std::string uploadUrl(const std::string& base) { return base + "/brl/v1/collect-logan"; }
+std::string uploadUrl(const std::string& base) {
+  return base + "/brl/v1/collect-logan";
+}
 
 std::string upperCaseUuid() {
   thread_local boost::uuids::random_generator generate;
@@ -37,11 +39,13 @@ std::string upperCaseUuid() {
 }  // namespace
 
 LoganManager& LoganManager::sharedInstance() {
-  static auto* instance = new LoganManager((cachesDirectory() / "logan").string(), QNUUIDHelper::uuidForDevice());
+  static auto* instance =
+      new LoganManager((cachesDirectory() / "logan").string(), QNUUIDHelper::uuidForDevice());
   return *instance;
 }
 
-LoganManager::LoganManager(const std::string& loganDirPath, std::string deviceId) : deviceId_(std::move(deviceId)) {
+LoganManager::LoganManager(const std::string& loganDirPath, std::string deviceId)
+    : deviceId_(std::move(deviceId)) {
   commonParameters_["uid"] = "";
   commonParameters_["appId"] = "";
   commonParameters_["os"] = kOs;
@@ -54,7 +58,9 @@ LoganManager::LoganManager(const std::string& loganDirPath, std::string deviceId
   collectManager_->startUploadTimerWithInterval(uploadInterval);
 }
 
-LoganManager::~LoganManager() { collectManager_->stopUploadTimer(); }
+LoganManager::~LoganManager() {
+  collectManager_->stopUploadTimer();
+}
 
 void LoganManager::setLogServer(const std::optional<std::string>& logServer) {
   collectManager_->setUrlString(uploadUrl(logServer.value_or(QNBRL_DEV_LOG_SERVER)));
@@ -70,8 +76,12 @@ void LoganManager::setCommon(std::string& field, const char* key, const std::opt
   }
 }
 
-void LoganManager::setUId(const std::optional<std::string>& uId) { setCommon(uId_, "uid", uId); }
-void LoganManager::setAppId(const std::optional<std::string>& appId) { setCommon(appId_, "appId", appId); }
+void LoganManager::setUId(const std::optional<std::string>& uId) {
+  setCommon(uId_, "uid", uId);
+}
+void LoganManager::setAppId(const std::optional<std::string>& appId) {
+  setCommon(appId_, "appId", appId);
+}
 void LoganManager::setClientSessionId(const std::optional<std::string>& clientSessionId) {
   setCommon(clientSessionId_, "clientSessionId", clientSessionId);
 }
@@ -84,12 +94,8 @@ boost::json::object LoganManager::getLogDict() const {
 }
 
 boost::json::object LoganManager::topPara() const {
-  return {{"logType", 1},
-          {"deviceId", deviceId_},
-          {"os", kOs},
-          {"timestamp", currentTimeStamp()},
-          {"encrypt", false},
-          {"content", ""}};
+  return {{"logType", 1},     {"deviceId", deviceId_}, {"os", kOs}, {"timestamp", currentTimeStamp()},
+          {"encrypt", false}, {"content", ""}};
 }
 
 std::optional<std::string> LoganManager::convertToJsonData(const boost::json::object& dict) {
@@ -180,8 +186,8 @@ void LoganManager::leaveChannel(std::int64_t result, const std::string& channelI
   channelEvent("LeaveChannel", result, channelId, errorCode, elapsed, false);
 }
 
-void LoganManager::userAttributes(const std::string& action, const std::string& interface, std::int64_t result,
-                                  std::int64_t errorCode) {
+void LoganManager::userAttributes(const std::string& action, const std::string& interface,
+                                  std::int64_t result, std::int64_t errorCode) {
   auto dict = getLogDict();
   dict["type"] = "UserAttributes";
   dict["result"] = result;
@@ -192,7 +198,8 @@ void LoganManager::userAttributes(const std::string& action, const std::string& 
 }
 
 void LoganManager::channelAttributes(const std::string& channelId, const std::string& action,
-                                     const std::string& interface, std::int64_t result, std::int64_t errorCode) {
+                                     const std::string& interface, std::int64_t result,
+                                     std::int64_t errorCode) {
   auto dict = getLogDict();
   dict["type"] = "ChannelAttributes";
   dict["channelId"] = channelId;

@@ -53,8 +53,8 @@ class LoganManager {
   void leaveChannel(std::int64_t result, const std::string& channelId, std::int64_t errorCode);
   void userAttributes(const std::string& action, const std::string& interface, std::int64_t result,
                       std::int64_t errorCode);
-  void channelAttributes(const std::string& channelId, const std::string& action, const std::string& interface,
-                         std::int64_t result, std::int64_t errorCode);
+  void channelAttributes(const std::string& channelId, const std::string& action,
+                         const std::string& interface, std::int64_t result, std::int64_t errorCode);
   void connectState(std::int64_t state, std::int64_t reason);
 
   // A copy of the common parameters plus "timestamp".
@@ -88,8 +88,8 @@ class LoganManager {
 
  private:
   void setCommon(std::string& field, const char* key, const std::optional<std::string>& value);
-  void channelEvent(const char* type, std::int64_t result, const std::string& channelId, std::int64_t errorCode,
-                    std::int64_t elapsed, bool newSession);
+  void channelEvent(const char* type, std::int64_t result, const std::string& channelId,
+                    std::int64_t errorCode, std::int64_t elapsed, bool newSession);
 
   const std::string deviceId_;
   mutable std::mutex mutex_;  // guards the texts and the common parameters below

@@ -61,7 +61,8 @@ void QNLoganUploader::send(const std::string& filePath, std::function<void(bool)
   request.body = std::move(*body);
   request.timeout = uploadTimeout;
   QNHttpRequest::sharedSession().send(
-      std::move(request), [weak = weak_from_this(), result = std::move(result)](HttpResponse response) mutable {
+      std::move(request),
+      [weak = weak_from_this(), result = std::move(result)](HttpResponse response) mutable {
         auto self = weak.lock();
         if (!self) return;
         self->queue_->async([weak, status = response.status, result = std::move(result)] {

@@ -47,14 +47,15 @@ std::optional<std::vector<std::string>> tavernServers(const std::string& body) {
 
 void QNApiHelper::apiServer(const std::string& apiServer, const std::string& appId, Completion completion) {
   // Joined as plain text: the app id is not escaped.
-  QNHttpRequest::getRequest(apiServer + "/config/api/v1/brl-server?appId=" + appId,
-                            [completion = std::move(completion)](std::optional<std::string> data, std::error_code error) {
-                              if (!data || error) {
-                                completion(std::nullopt);
-                                return;
-                              }
-                              completion(tavernServers(*data));
-                            });
+  QNHttpRequest::getRequest(
+      apiServer + "/config/api/v1/brl-server?appId=" + appId,
+      [completion = std::move(completion)](std::optional<std::string> data, std::error_code error) {
+        if (!data || error) {
+          completion(std::nullopt);
+          return;
+        }
+        completion(tavernServers(*data));
+      });
 }
 
 }  // namespace qnbrl

@@ -10,11 +10,16 @@ constexpr SearchOptions kLines{.caseInsensitive = true, .multiline = true};
 
 }  // namespace
 
-std::string QNApiManager::apiServer() { return QNBRL_DEFAULT_API_SERVER; }
-std::string QNApiManager::logServer() { return QNBRL_DEFAULT_LOG_SERVER; }
+std::string QNApiManager::apiServer() {
+  return QNBRL_DEFAULT_API_SERVER;
+}
+std::string QNApiManager::logServer() {
+  return QNBRL_DEFAULT_LOG_SERVER;
+}
 
 bool isValidServerDomain(std::string_view url) {
-  return search(url, R"(^https?:\/\/(([a-z0-9]+|[a-z0-9]+[a-z0-9\-_]*[a-z0-9]+)\.)+([a-z]+)(:\d+)?$)", kLines);
+  return search(url, R"(^https?:\/\/(([a-z0-9]+|[a-z0-9]+[a-z0-9\-_]*[a-z0-9]+)\.)+([a-z]+)(:\d+)?$)",
+                kLines);
 }
 
 bool isValidServerIP(std::string_view url) {
@@ -24,6 +29,8 @@ bool isValidServerIP(std::string_view url) {
                 kLines);
 }
 
-bool isValidApiServer(std::string_view url) { return isValidServerDomain(url) || isValidServerIP(url); }
+bool isValidApiServer(std::string_view url) {
+  return isValidServerDomain(url) || isValidServerIP(url);
+}
 
 }  // namespace qnbrl

@@ -71,10 +71,9 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   void start() {
     asio::dispatch(strand_, [self = shared_from_this()] {
       auto limit = std::min<sio::Clock::duration>(self->spec_.timeout, HttpSession::resourceTimeout);
-      self->timer_ = sio::Clock::current().schedule(self->strand_, limit,
-                                                    [weak = self->weak_from_this()] {
-                                                      if (auto s = weak.lock()) s->expire();
-                                                    });
+      self->timer_ = sio::Clock::current().schedule(self->strand_, limit, [weak = self->weak_from_this()] {
+        if (auto s = weak.lock()) s->expire();
+      });
       asio::co_spawn(self->strand_, self->run(), [self](std::exception_ptr e) { self->finish(e); });
     });
   }
@@ -93,7 +92,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     if (timedOut_) throw boost::system::system_error(make_error_code(boost::system::errc::timed_out));
     if (target->tls) {
       tls_.emplace(std::move(plain_), sio::tls::clientContext());
-      if (auto ec = sio::tls::prepare(*tls_, target->host, target->hostIsIp)) throw boost::system::system_error(ec);
+      if (auto ec = sio::tls::prepare(*tls_, target->host, target->hostIsIp))
+        throw boost::system::system_error(ec);
     }
     co_await asio::async_connect(lowest(), endpoints, asio::use_awaitable);
     if (tls_) {

@@ -20,7 +20,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
+std::string text(const Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
 
 class UploadTest : public ::testing::Test {
  protected:

@@ -7,11 +7,11 @@
 #include "transport/api_helper.hpp"
 #include "transport/http_request.hpp"
 
+#include <gtest/gtest.h>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/streambuf.hpp>
 #include <boost/asio/write.hpp>
-#include <gtest/gtest.h>
 
 #include <future>
 #include <thread>
@@ -67,8 +67,10 @@ DevServer* DiscoveryTest::server = nullptr;
 }  // namespace
 
 TEST_F(DiscoveryTest, GoodListInTheServersOrder) {
-  server->scriptDiscovery(DiscoveryAnswer().servers({"http://b.example.com", "http://a.example.com"}).times(1));
-  EXPECT_EQ(discover(server->httpUrl(), "app-1"), (std::vector<std::string>{"http://b.example.com", "http://a.example.com"}));
+  server->scriptDiscovery(
+      DiscoveryAnswer().servers({"http://b.example.com", "http://a.example.com"}).times(1));
+  EXPECT_EQ(discover(server->httpUrl(), "app-1"),
+            (std::vector<std::string>{"http://b.example.com", "http://a.example.com"}));
   auto requests = server->discoveryRequests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].method, "GET");
@@ -110,7 +112,8 @@ TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
   server->scriptDiscovery(DiscoveryAnswer().after(60s));
   std::promise<ServerList> answer;
   auto future = answer.get_future();
-  QNApiHelper::apiServer(server->httpUrl(), "app", [&answer](ServerList list) { answer.set_value(std::move(list)); });
+  QNApiHelper::apiServer(server->httpUrl(), "app",
+                         [&answer](ServerList list) { answer.set_value(std::move(list)); });
   ASSERT_TRUE(waitUntil([&] { return server->discoveryRequests().size() == 1; }));
   clock->advance(5999ms);
   EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
@@ -121,9 +124,10 @@ TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
   // A port that accepts and never answers is ended the same way.
   std::promise<GetResult> got;
   auto gotFuture = got.get_future();
-  QNHttpRequest::getRequest(server->blackholeUrl() + "/x", [&got](std::optional<std::string> data, std::error_code ec) {
-    got.set_value({std::move(data), ec});
-  });
+  QNHttpRequest::getRequest(server->blackholeUrl() + "/x",
+                            [&got](std::optional<std::string> data, std::error_code ec) {
+                              got.set_value({std::move(data), ec});
+                            });
   ASSERT_TRUE(waitUntil([&] { return clock->pending() > 0; }));
   clock->advance(6s);
   ASSERT_EQ(gotFuture.wait_for(10s), std::future_status::ready);
@@ -176,6 +180,7 @@ TEST(HttpRequest, GarbageAnswerIsAnError) {
 
 TEST(HttpRequest, PostRequestIsInert) {
   std::atomic<bool> called = false;
-  QNHttpRequest::postRequest("body", "http://127.0.0.1:1/", [&](std::optional<std::string>, std::error_code) { called = true; });
+  QNHttpRequest::postRequest("body", "http://127.0.0.1:1/",
+                             [&](std::optional<std::string>, std::error_code) { called = true; });
   EXPECT_FALSE(called);
 }

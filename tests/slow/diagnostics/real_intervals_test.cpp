@@ -6,9 +6,9 @@
 #include "support/wait.hpp"
 #include "transport/http_request.hpp"
 
+#include <gtest/gtest.h>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <gtest/gtest.h>
 
 #include <fstream>
 #include <future>
@@ -73,7 +73,8 @@ TEST(RealIntervals, SilentServerEndsARequestAfterSixSeconds) {
   std::promise<std::error_code> done;
   auto future = done.get_future();
   auto start = Clock::now();
-  QNHttpRequest::getRequest(url, [&done](std::optional<std::string>, std::error_code ec) { done.set_value(ec); });
+  QNHttpRequest::getRequest(url,
+                            [&done](std::optional<std::string>, std::error_code ec) { done.set_value(ec); });
   ASSERT_EQ(future.wait_for(15s), std::future_status::ready);
   auto took = Clock::now() - start;
   EXPECT_EQ(future.get(), std::errc::timed_out);

@@ -17,7 +17,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::string under(const TempDir& dir, const std::string& name) { return (dir.path() / name).string(); }
+std::string under(const TempDir& dir, const std::string& name) {
+  return (dir.path() / name).string();
+}
 
 // Records each file handed over and lets the test answer when it likes.
 class FakeUploader : public QNLoganUploadProtocol {

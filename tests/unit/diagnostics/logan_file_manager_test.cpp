@@ -16,7 +16,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string under(const TempDir& dir, const std::string& name) { return (dir.path() / name).string(); }
+std::string under(const TempDir& dir, const std::string& name) {
+  return (dir.path() / name).string();
+}
 
 std::vector<std::string> readLines(const std::string& path) {
   std::ifstream in(path);
@@ -31,7 +33,9 @@ std::set<std::string> entries(const fs::path& dir) {
   return names;
 }
 
-void writeFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path) << content;
+}
 
 // File times have the kernel's coarse tick: recreate the file until its creation date is later than
 // the previous file's, so the order under test is real and not a tie.

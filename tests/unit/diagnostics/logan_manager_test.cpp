@@ -6,8 +6,8 @@
 #include "support/temp_dir.hpp"
 #include "support/text.hpp"
 
-#include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
+#include <boost/json/parse.hpp>
 
 #include <fstream>
 #include <regex>
@@ -23,7 +23,7 @@ std::vector<std::string> keys(const boost::json::object& o) {
   return out;
 }
 
-const std::vector<std::string> kCommon = {"uid",      "appId",           "os",       "platform", "sdkVer",
+const std::vector<std::string> kCommon = {"uid",      "appId",           "os",        "platform", "sdkVer",
                                           "deviceId", "clientSessionId", "timestamp", "type"};
 
 std::vector<std::string> withCommon(std::vector<std::string> fields) {
@@ -50,7 +50,8 @@ class RecorderTest : public ::testing::Test {
     boost::json::object event;
   };
   std::vector<Record> records() {
-    auto store = std::dynamic_pointer_cast<QNLoganFileManager>(recorder->collectManager()->loganFileManager());
+    auto store =
+        std::dynamic_pointer_cast<QNLoganFileManager>(recorder->collectManager()->loganFileManager());
     store->queue()->sync([] {});
     std::ifstream in(store->loganFileToWrite());
     std::vector<Record> out;
@@ -97,7 +98,8 @@ TEST_F(RecorderTest, EveryEventHasTheCommonParametersThenItsOwnFieldsInOrder) {
   for (std::size_t i = 0; i < all.size(); ++i) {
     SCOPED_TRACE(expected[i].first);
     const auto& r = all[i];
-    EXPECT_EQ(keys(r.envelope), (std::vector<std::string>{"logType", "deviceId", "os", "timestamp", "encrypt", "content"}));
+    EXPECT_EQ(keys(r.envelope),
+              (std::vector<std::string>{"logType", "deviceId", "os", "timestamp", "encrypt", "content"}));
     EXPECT_EQ(r.envelope.at("logType"), 1);
     EXPECT_EQ(r.envelope.at("deviceId"), "dev-1");
     EXPECT_EQ(r.envelope.at("os"), "linux");
