@@ -30,14 +30,8 @@ class FakeUploader : public QNLoganUploadProtocol {
     results.push_back(std::move(result));
   }
   bool isUploading() const override { return false; }
-  std::string urlString() const override {
-    std::lock_guard lock(mutex);
-    return url;
-  }
-  void setUrlString(std::string u) override {
-    std::lock_guard lock(mutex);
-    url = std::move(u);
-  }
+  std::string urlString() const override { return {}; }
+  void setUrlString(std::string) override {}
   std::size_t calls() const {
     std::lock_guard lock(mutex);
     return paths.size();
@@ -54,7 +48,6 @@ class FakeUploader : public QNLoganUploadProtocol {
   mutable std::mutex mutex;
   std::vector<std::string> paths;
   std::vector<std::function<void(bool)>> results;
-  std::string url;
 };
 
 class CollectorTest : public ::testing::Test {
@@ -148,19 +141,4 @@ TEST_F(CollectorTest, AnswerAfterTheCollectorIsGoneLeavesTheFile) {
   collector.reset();
   uploader->answer(0, true);
   EXPECT_TRUE(fs::exists(file));
-}
-
-TEST_F(CollectorTest, RecordsFlowToTheStoreAndTheAddressToTheUploader) {
-  auto collector = makeCollector(false);
-  collector->setUrlString("http://127.0.0.1:1/brl/v1/collect-logan");
-  EXPECT_EQ(uploader->urlString(), "http://127.0.0.1:1/brl/v1/collect-logan");
-  collector->writeLog("one");
-  store->queue()->sync([] {});
-  // The partly filled working file is closed off and offered when nothing else waits.
-  collector->upload();
-  ASSERT_EQ(uploader->calls(), 1u);
-  std::ifstream in(uploader->paths[0]);
-  std::string line;
-  std::getline(in, line);
-  EXPECT_EQ(line, "one");
 }

@@ -168,21 +168,6 @@ TEST(LoganFileStore, WaitingFileSelection) {
   EXPECT_EQ(fs::file_size(store->loganFileToWrite()), 0u);
 }
 
-TEST(LoganFileStore, OrderIsOldestCreationFirst) {
-  TempDir tmp;
-  auto store = QNLoganFileManager::create(under(tmp, "logan"), false);
-  std::string previous = store->loganFileToWrite();
-  for (auto name : {"c", "a", "b"}) {
-    writeFileAfter(under(tmp, std::string("logan/") + name), "x", previous);
-    previous = under(tmp, std::string("logan/") + name);
-  }
-  auto names = store->allLogPaths();
-  ASSERT_TRUE(names.has_value());
-  EXPECT_EQ(*names, (std::vector<std::string>{"logan", "c", "a", "b"}));
-  EXPECT_EQ(QNLoganFileManager::fileCreationDate(under(tmp, "logan/missing")), std::nullopt);
-  EXPECT_EQ(QNLoganFileManager::create(under(tmp, "gone"), false)->allLogPaths()->size(), 1u);
-}
-
 TEST(LoganFileStore, StartUpRemovesEmptyLeftoversAndAppendsToTheOldWorkingFile) {
   TempDir tmp;
   fs::create_directories(under(tmp, "logan"));
