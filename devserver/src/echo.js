@@ -12,7 +12,7 @@ function attachEcho(server, { perMessageDeflate, maxHttpBufferSize }) {
     ws.on('error', () => ws.terminate());
   });
   server.on('upgrade', (req, socket, head) => {
-    if (new URL(req.url, 'http://x').pathname !== PATH) {
+    if (!URL.canParse(req.url, 'http://x') || new URL(req.url, 'http://x').pathname !== PATH) {
       socket.destroy();
       return;
     }

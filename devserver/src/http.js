@@ -42,7 +42,13 @@ class HttpEndpoints {
   }
 
   dispatch(req, res, tls) {
-    const url = new URL(req.url, 'http://127.0.0.1');
+    let url;
+    try {
+      url = new URL(req.url, 'http://127.0.0.1');
+    } catch {
+      res.writeHead(400, { 'Content-Type': 'text/plain' }).end('bad request target');
+      return;
+    }
     const record = {
       method: req.method,
       path: url.pathname,

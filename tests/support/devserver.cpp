@@ -76,7 +76,8 @@ void closeFd(int& fd) {
   fd = -1;
 }
 
-// Waits up to `limit` for the child to exit, without reaping it.
+// Waits up to `limit` for the child to exit, without reaping it. Without pidfd support (Linux < 5.3) it
+// reports false at once, and the caller goes straight to SIGKILL.
 bool waitExit(pid_t pid, std::chrono::milliseconds limit) {
   const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   if (pidfd < 0) return false;

@@ -54,9 +54,10 @@ std::optional<Bytes> bytesFrom(const boost::json::value& value);
 std::string testCaFile();           // tests/data/tls/ca.pem
 std::string untrustedTestCaFile();  // tests/data/tls/untrusted-ca.pem
 
-// A child process with a pipe to its stdin and from its stdout; stdout is split into lines on a reader
-// thread. Stopping is bounded: stdin closed, SIGTERM, then SIGKILL after the grace period; the child is
-// always reaped (no zombie). Only this child's PID is ever signalled.
+// A child process with a stream to its stdin (a socket, so that writing to a child that has gone fails
+// instead of raising SIGPIPE) and a pipe from its stdout, split into lines on a reader thread. Stopping is
+// bounded: stdin closed, SIGTERM, then SIGKILL after the grace period; the child is always reaped (no
+// zombie). Only this child's PID is ever signalled.
 class ChildProcess {
  public:
   using LineHandler = std::function<void(std::string line)>;
@@ -249,6 +250,7 @@ class DevServer {
   // Ends the server process now (the destructor does it too); its wait status.
   int stop() { return process_.stop(); }
 
+  // Listener URLs from the ready line (a restarted tavern server may move: startTavern gives its URL).
   const std::vector<std::string>& tavernUrls() const { return tavernUrls_; }        // http://127.0.0.1:p
   const std::vector<std::string>& tavernTlsUrls() const { return tavernTlsUrls_; }  // https://127.0.0.1:p
   int tavernTlsId(std::size_t i) const { return static_cast<int>(tavernUrls_.size() + i); }
@@ -278,7 +280,8 @@ class DevServer {
   bool onConnect(std::optional<int> server, boost::json::array steps);
 
   bool push(int server, const std::string& socket, const std::string& event, boost::json::array args);
-  // Pushes asking for an acknowledgement; its arguments, or nullopt when none came within `timeout`.
+  // Pushes asking for an acknowledgement; its arguments (the first connection's when `socket` is empty),
+  // or nullopt when none came within `timeout`.
   std::optional<boost::json::array> pushWithAck(int server, const std::string& socket,
                                                 const std::string& event, boost::json::array args,
                                                 std::chrono::milliseconds timeout);
