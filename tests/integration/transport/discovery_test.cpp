@@ -1,0 +1,179 @@
+// Server discovery and the HTTP client against the dev server: the good list, every failure ending in
+// none, time-outs on the clock seam, and TLS verification against the test CA.
+#include "socketio/clock.hpp"
+#include "socketio/tls.hpp"
+#include "support/devserver.hpp"
+#include "support/wait.hpp"
+#include "transport/api_helper.hpp"
+#include "transport/http_request.hpp"
+
+#include <gtest/gtest.h>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/streambuf.hpp>
+#include <boost/asio/write.hpp>
+
+#include <future>
+#include <thread>
+
+using namespace qnbrl;
+using namespace testing_support;
+using namespace std::chrono_literals;
+
+namespace {
+
+using ServerList = std::optional<std::vector<std::string>>;
+
+// Runs discovery and waits (bounded) for its single answer.
+ServerList discover(const std::string& apiServer, const std::string& appId) {
+  std::promise<ServerList> answer;
+  auto future = answer.get_future();
+  QNApiHelper::apiServer(apiServer, appId, [&answer](ServerList list) { answer.set_value(std::move(list)); });
+  if (future.wait_for(20s) != std::future_status::ready) {
+    ADD_FAILURE() << "discovery never answered";
+    return std::nullopt;
+  }
+  return future.get();
+}
+
+struct GetResult {
+  std::optional<std::string> data;
+  std::error_code error;
+};
+
+class DiscoveryTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // The process-wide TLS context trusts the test CA in addition to the system store. Explicit, so it
+    // does not depend on which test first creates the context.
+    boost::system::error_code ignored;  // already loaded by an earlier suite
+    sio::tls::clientContext().load_verify_file(testCaFile(), ignored);
+    server = new DevServer();
+  }
+  static void TearDownTestSuite() {
+    delete server;
+    server = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(server->ready());
+    server->reset();
+  }
+  void TearDown() override { sio::Clock::install(nullptr); }
+
+  static DevServer* server;
+};
+DevServer* DiscoveryTest::server = nullptr;
+
+}  // namespace
+
+TEST_F(DiscoveryTest, GoodListInTheServersOrder) {
+  server->scriptDiscovery(
+      DiscoveryAnswer().servers({"http://b.example.com", "http://a.example.com"}).times(1));
+  EXPECT_EQ(discover(server->httpUrl(), "app-1"),
+            (std::vector<std::string>{"http://b.example.com", "http://a.example.com"}));
+  auto requests = server->discoveryRequests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "GET");
+  EXPECT_EQ(requests[0].rawQuery, "appId=app-1");
+  EXPECT_EQ(requests[0].headers.at("content-type"), "application/json");
+
+  // The default answer lists the dev server's own tavern servers; the HTTP status is not looked at.
+  server->scriptDiscovery(DiscoveryAnswer().status(500));
+  EXPECT_EQ(discover(server->httpUrl(), "app-1"), server->tavernUrls());
+}
+
+TEST_F(DiscoveryTest, EveryFailureEndsInNone) {
+  struct Case {
+    const char* what;
+    DiscoveryAnswer answer;
+  };
+  std::vector<Case> cases = {
+      {"code other than 200", DiscoveryAnswer().code(500)},
+      {"bad JSON", DiscoveryAnswer().body("{\"code\":200,")},
+      {"a JSON fragment", DiscoveryAnswer().body("200")},
+      {"empty data", DiscoveryAnswer().data(boost::json::object{})},
+      {"list that is no list", DiscoveryAnswer().data(boost::json::object{{"tavernServers", "ws://x"}})},
+      {"connection closed", DiscoveryAnswer().refuse()},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    server->scriptDiscovery(c.answer);
+    EXPECT_EQ(discover(server->httpUrl(), "app"), std::nullopt);
+  }
+  EXPECT_EQ(discover("http://127.0.0.1:1", "app"), std::nullopt);  // nothing listens there
+  EXPECT_EQ(discover("not a url", "app"), std::nullopt);
+  // The app id is joined unescaped; one that breaks the URL fails like any other error.
+  EXPECT_EQ(discover(server->httpUrl(), "an app"), std::nullopt);
+}
+
+TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
+  auto clock = std::make_shared<sio::ManualClock>();
+  sio::Clock::install(clock);
+  server->scriptDiscovery(DiscoveryAnswer().after(60s));
+  std::promise<ServerList> answer;
+  auto future = answer.get_future();
+  QNApiHelper::apiServer(server->httpUrl(), "app",
+                         [&answer](ServerList list) { answer.set_value(std::move(list)); });
+  ASSERT_TRUE(waitUntil([&] { return server->discoveryRequests().size() == 1; }));
+  clock->advance(5999ms);
+  EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
+  clock->advance(1ms);
+  ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(future.get(), std::nullopt);
+
+  // A port that accepts and never answers is ended the same way.
+  std::promise<GetResult> got;
+  auto gotFuture = got.get_future();
+  QNHttpRequest::getRequest(server->blackholeUrl() + "/x",
+                            [&got](std::optional<std::string> data, std::error_code ec) {
+                              got.set_value({std::move(data), ec});
+                            });
+  ASSERT_TRUE(waitUntil([&] { return clock->pending() > 0; }));
+  clock->advance(6s);
+  ASSERT_EQ(gotFuture.wait_for(10s), std::future_status::ready);
+  auto result = gotFuture.get();
+  EXPECT_EQ(result.data, std::nullopt);
+  EXPECT_EQ(result.error, std::errc::timed_out);
+}
+
+TEST_F(DiscoveryTest, HttpsIsVerifiedAgainstTheTrustedCa) {
+  EXPECT_EQ(discover(server->httpsUrl(), "app"), server->tavernUrls());
+  auto requests = server->discoveryRequests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_TRUE(requests[0].tls);
+
+  DevServerOptions untrusted;
+  untrusted.untrustedCert = true;
+  untrusted.tavern = 0;
+  untrusted.tavernTls = 0;
+  DevServer other(untrusted);
+  ASSERT_TRUE(other.ready());
+  EXPECT_EQ(discover(other.httpsUrl(), "app"), std::nullopt);
+  EXPECT_TRUE(other.discoveryRequests().empty());
+}
+
+TEST(HttpRequest, GarbageAnswerIsAnError) {
+  // A one-shot loopback server that answers anything with bytes that are not HTTP.
+  boost::asio::io_context ioc;
+  boost::asio::ip::tcp::acceptor acceptor(ioc, {boost::asio::ip::make_address("127.0.0.1"), 0});
+  auto port = acceptor.local_endpoint().port();
+  std::thread peer([&] {
+    boost::system::error_code ec;
+    auto socket = acceptor.accept(ec);
+    if (ec) return;
+    boost::asio::streambuf request;
+    boost::asio::read_until(socket, request, "\r\n\r\n", ec);
+    boost::asio::write(socket, boost::asio::buffer(std::string("\x01\x02 no http here\r\n\r\n")), ec);
+  });
+  std::promise<GetResult> got;
+  auto future = got.get_future();
+  QNHttpRequest::getRequest("http://127.0.0.1:" + std::to_string(port) + "/",
+                            [&got](std::optional<std::string> data, std::error_code ec) {
+                              got.set_value({std::move(data), ec});
+                            });
+  ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
+  auto result = future.get();
+  EXPECT_TRUE(result.error);
+  EXPECT_EQ(result.data, std::nullopt);
+  peer.join();
+}
