@@ -1,7 +1,6 @@
 // Server discovery and the HTTP client against the dev server: the good list, every failure ending in
 // none, time-outs on the clock seam, and TLS verification against the test CA.
 #include "socketio/clock.hpp"
-#include "socketio/tls.hpp"
 #include "support/devserver.hpp"
 #include "support/wait.hpp"
 #include "transport/api_helper.hpp"
@@ -44,10 +43,6 @@ struct GetResult {
 class DiscoveryTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    // The process-wide TLS context trusts the test CA in addition to the system store. Explicit, so it
-    // does not depend on which test first creates the context.
-    boost::system::error_code ignored;  // already loaded by an earlier suite
-    sio::tls::clientContext().load_verify_file(testCaFile(), ignored);
     server = new DevServer();
   }
   static void TearDownTestSuite() {
