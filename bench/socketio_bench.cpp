@@ -1,0 +1,449 @@
+// The Socket.IO client against the dev server, each figure beside the same traffic over a bare Beast
+// WebSocket to the dev server's echo endpoint, so that the ratios show what the Socket.IO layer adds.
+//
+// Compared pairs run in one process, alternating round by round (the order flips every round), after
+// one warm-up round; every figure is the median over the rounds and every ratio the median of the
+// per-round ratios. Client CPU is getrusage(RUSAGE_SELF) user + sys: the Node server is a child
+// process, so it is not counted.
+#include "benchmarks.hpp"
+#include "socketio/client.hpp"
+#include "socketio/codec.hpp"
+#include "support/devserver.hpp"
+#include "support/queues.hpp"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/json.hpp>
+#include <boost/url/parse.hpp>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace json = boost::json;
+namespace net = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using tcp = net::ip::tcp;
+using Steady = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int kSequential = 2000;  // round trips per latency round
+constexpr int kPipelined = 20000;  // requests per pipelined round
+constexpr int kInFlight = 256;
+constexpr int kEvents = 50000;  // events per flood round
+constexpr int kEventSize = 100;
+constexpr auto kAckTimeout = 10s;
+constexpr auto kRoundLimit = 120s;  // a round that takes longer has stalled
+
+constexpr double kLatencyTarget = 1.5;    // Socket.IO ack p50 / WebSocket echo p50
+constexpr double kPipelineTarget = 1.25;  // CPU per acknowledged emit / CPU per echo
+constexpr double kEventTarget = 1.0;      // CPU per received event / CPU per echo
+
+double cpuSeconds() {
+  rusage ru{};
+  getrusage(RUSAGE_SELF, &ru);
+  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(ru.ru_utime) + seconds(ru.ru_stime);
+}
+
+double micros(Steady::duration d) {
+  return std::chrono::duration<double, std::micro>(d).count();
+}
+double seconds(Steady::duration d) {
+  return std::chrono::duration<double>(d).count();
+}
+
+// The q-quantile by the nearest-rank method.
+double percentile(std::vector<double> v, double q) {
+  if (v.empty()) return 0;
+  const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(v.size())));
+  const auto i = std::min(v.size() - 1, rank == 0 ? 0 : rank - 1);
+  std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(i), v.end());
+  return v[i];
+}
+
+double median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  const auto n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+void await(std::future<void>& f, const std::string& what) {
+  if (f.wait_for(kRoundLimit) != std::future_status::ready) throw std::runtime_error(what + ": stalled");
+  f.get();
+}
+
+// One round of one benchmark: per-operation latencies (sequential rounds), or wall and CPU time.
+struct Round {
+  int ops = 0;
+  std::vector<double> latencies_us;
+  double wall_s = 0;
+  double cpu_s = 0;
+  double p50() const { return percentile(latencies_us, 0.50); }
+  double p99() const { return percentile(latencies_us, 0.99); }
+  double cpuPer100k() const { return cpu_s / ops * 1e5; }
+  double perSecond() const { return ops / wall_s; }
+  double cpuPerOpUs() const { return cpu_s / ops * 1e6; }
+};
+
+struct Measure {
+  Steady::time_point wall = Steady::now();
+  double cpu = cpuSeconds();
+  void finish(Round& r) const {
+    r.cpu_s = cpuSeconds() - cpu;
+    r.wall_s = seconds(Steady::now() - wall);
+  }
+};
+
+// The request the SDK sends most: a channel attribute update, as emitted after the "command" name.
+sio::Payload commandArgs() {
+  auto args = json::parse(
+      R"(["setChannelAttributes",{"channelId":"c1","attributes":[{"key":"k","value":"v"}],"option":{"notify":false}}])");
+  return sio::Payload{std::move(args.as_array()), {}};
+}
+
+// The dev server's default acknowledgement: [{"result":0}].
+bool isDefaultAck(const sio::Payload& reply) {
+  if (reply.args.size() != 1 || !reply.buffers.empty()) return false;
+  const auto* o = reply.args[0].if_object();
+  const auto* result = o ? o->if_contains("result") : nullptr;
+  return result && result->is_int64() && result->get_int64() == 0 && o->size() == 1;
+}
+
+// Emits "command" with an acknowledgement, keeping up to `window` unanswered; the next emit goes out
+// from the acknowledgement callback, on the client's own thread, as an application would chain them.
+// Every request's arguments are built before the clock starts, on the client's thread as the
+// application would build them: what is measured is the client's work (the baseline sends one prepared
+// frame over and over).
+class AckChain : public std::enable_shared_from_this<AckChain> {
+ public:
+  AckChain(std::shared_ptr<sio::Socket> socket, int total, int window)
+      : socket_(std::move(socket)), total_(total), window_(window) {
+    if (window_ == 1) latencies_.reserve(static_cast<std::size_t>(total_));
+  }
+
+  Round run(const sio::Payload& args) {
+    qnbrl::MainQueue::sync([&] { args_.assign(static_cast<std::size_t>(total_), args); });
+    auto finished = done_.get_future();
+    Measure m;
+    qnbrl::MainQueue::async([self = shared_from_this()] {
+      for (int i = 0; i < self->window_ && self->sent_ < self->total_; ++i) self->emitOne();
+    });
+    await(finished, "Socket.IO acknowledgements");
+    Round r;
+    m.finish(r);
+    r.ops = total_;
+    if (bad_) throw std::runtime_error("the server answered with something else than [{\"result\":0}]");
+    r.latencies_us = std::move(latencies_);
+    return r;
+  }
+
+ private:
+  void emitOne() {
+    auto& args = args_[static_cast<std::size_t>(sent_++)];
+    const auto started = Steady::now();
+    socket_->emitWithAck(
+        "command", std::move(args), kAckTimeout,
+        [self = shared_from_this(), started](const sio::Payload& reply) { self->onAck(started, reply); });
+  }
+
+  void onAck(Steady::time_point started, const sio::Payload& reply) {
+    if (window_ == 1) latencies_.push_back(micros(Steady::now() - started));
+    if (!isDefaultAck(reply)) bad_ = true;
+    if (++received_ == total_) return done_.set_value();
+    if (sent_ < total_) emitOne();
+  }
+
+  std::shared_ptr<sio::Socket> socket_;
+  std::vector<sio::Payload> args_;
+  const int total_, window_;
+  // Touched only on the main queue until `done_` is set.
+  int sent_ = 0, received_ = 0;
+  bool bad_ = false;
+  std::vector<double> latencies_;
+  std::promise<void> done_;
+};
+
+// A connected client socket on tavern server 0.
+class SioClient {
+ public:
+  explicit SioClient(const std::string& url)
+      : manager_(std::make_unique<sio::Manager>(qnbrl::MainQueue::executor(), url, sio::Options{})) {
+    auto connected = std::make_shared<std::promise<void>>();
+    auto future = connected->get_future();
+    socket().on("connect",
+                [connected](const sio::Payload&, const sio::Responder&) { connected->set_value(); });
+    socket().on("disconnect", [](const sio::Payload& p, const sio::Responder&) {
+      std::cerr << "Socket.IO client disconnected: " << json::serialize(p.args) << "\n";
+    });
+    socket().connect(10s, [] { std::cerr << "Socket.IO connect timed out\n"; });
+    if (future.wait_for(15s) != std::future_status::ready)
+      throw std::runtime_error("Socket.IO connect failed");
+  }
+
+  sio::Socket& socket() { return *manager_->socket(); }
+  const std::shared_ptr<sio::Socket>& socketPtr() { return manager_->socket(); }
+
+ private:
+  std::unique_ptr<sio::Manager> manager_;
+};
+
+// Counts "flood" events on the client's thread; `reached` is set when the round's goal is met.
+struct EventCounter {
+  long count = 0;
+  long goal = 0;
+  bool bad = false;
+  std::promise<void> reached;
+
+  void onEvent(const sio::Payload& p) {
+    if (p.args.size() != 1 || !p.args[0].is_string() || p.args[0].get_string().size() != kEventSize)
+      bad = true;
+    if (++count == goal) reached.set_value();
+  }
+};
+
+// A bare Beast WebSocket client (the client's own stack minus Socket.IO) driven on its own
+// single-threaded io_context, run on the calling thread.
+class RawClient {
+ public:
+  explicit RawClient(const std::string& url) : ws_(ioc_) {
+    auto parsed = boost::urls::parse_uri(url);
+    if (!parsed) throw std::runtime_error("bad echo URL: " + url);
+    const std::string host(parsed->host_address());
+    const std::string port(parsed->port());
+    tcp::resolver resolver(ioc_);
+    beast::get_lowest_layer(ws_).connect(resolver.resolve(host, port));
+    beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true));
+    ws_.auto_fragment(false);
+    ws_.handshake(host + ":" + port, std::string(parsed->encoded_path()));
+    ws_.text(true);
+  }
+
+  // `total` echoes of `frame`, keeping up to `window` unanswered.
+  Round run(const std::string& frame, int total, int window) {
+    frame_ = &frame;
+    total_ = total;
+    window_ = window;
+    sent_ = received_ = 0;
+    error_.clear();
+    started_.assign(static_cast<std::size_t>(total), {});
+    latencies_.clear();
+    latencies_.reserve(window == 1 ? static_cast<std::size_t>(total) : 0);
+    ioc_.restart();
+    Measure m;
+    read();
+    pump();
+    ioc_.run();
+    Round r;
+    m.finish(r);
+    r.ops = total;
+    if (!error_.empty() || received_ != total_) throw std::runtime_error("WebSocket echo: " + error_);
+    r.latencies_us = std::move(latencies_);
+    return r;
+  }
+
+ private:
+  void pump() {
+    if (writing_ || sent_ == total_ || sent_ - received_ >= window_) return;
+    writing_ = true;
+    started_[static_cast<std::size_t>(sent_++)] = Steady::now();
+    ws_.async_write(net::buffer(*frame_), [this](beast::error_code ec, std::size_t) {
+      writing_ = false;
+      if (ec) return fail(ec);
+      pump();
+    });
+  }
+
+  void read() {
+    ws_.async_read(buffer_, [this](beast::error_code ec, std::size_t n) {
+      if (ec) return fail(ec);
+      const auto i = static_cast<std::size_t>(received_++);
+      if (window_ == 1) latencies_.push_back(micros(Steady::now() - started_[i]));
+      if (n != frame_->size() || !ws_.got_text()) error_ = "the echo differs from the frame sent";
+      buffer_.consume(buffer_.size());
+      if (received_ == total_) return;
+      read();
+      pump();
+    });
+  }
+
+  void fail(beast::error_code ec) {
+    if (error_.empty()) error_ = ec.message();
+    beast::get_lowest_layer(ws_).cancel();
+  }
+
+  net::io_context ioc_{1};
+  websocket::stream<beast::tcp_stream> ws_;
+  beast::flat_buffer buffer_;
+  const std::string* frame_ = nullptr;
+  int total_ = 0, window_ = 1, sent_ = 0, received_ = 0;
+  bool writing_ = false;
+  std::string error_;
+  std::vector<Steady::time_point> started_;
+  std::vector<double> latencies_;
+};
+
+// A benchmark's rounds; it runs only when selected.
+struct Case {
+  Case(std::string n, std::function<Round()> r)
+      : name(std::move(n)), run(std::move(r)), on(benchSettings().selected(name)) {}
+
+  std::string name;
+  std::function<Round()> run;
+  bool on;
+  std::vector<Round> rounds;
+
+  void measure(bool keep) {
+    if (!on) return;
+    std::cerr << "  " << name << "..." << std::flush;
+    auto r = run();
+    std::cerr << " " << r.wall_s << " s\n";
+    if (keep) rounds.push_back(std::move(r));
+  }
+  std::vector<double> each(double (Round::*figure)() const) const {
+    std::vector<double> v;
+    for (const auto& r : rounds) v.push_back((r.*figure)());
+    return v;
+  }
+  double med(double (Round::*figure)() const) const { return median(each(figure)); }
+};
+
+void printLatency(std::ostream& out, const Case& c) {
+  if (!c.on) return;
+  JsonLine(c.name)
+      .add("round_trips", c.rounds.front().ops)
+      .add("rounds", static_cast<int>(c.rounds.size()))
+      .add("p50_us", c.med(&Round::p50), 1)
+      .add("p99_us", c.med(&Round::p99), 1)
+      .add("client_cpu_us_per_round_trip", c.med(&Round::cpuPerOpUs), 2)
+      .print(out);
+}
+
+void printThroughput(std::ostream& out, const Case& c, const char* unit, const char* size_key, int size) {
+  if (!c.on) return;
+  JsonLine(c.name)
+      .add(unit, c.rounds.front().ops)
+      .add("rounds", static_cast<int>(c.rounds.size()))
+      .add(size_key, size)
+      .add(std::string(unit) + "_per_s", c.med(&Round::perSecond), 0)
+      .add("cpu_s_per_100k", c.med(&Round::cpuPer100k), 3)
+      .print(out);
+}
+
+// The median of the per-round ratios of one figure, against its target (lower is better).
+void printRatio(std::ostream& out, const std::string& name, const Case& num, const Case& den,
+                double (Round::*figure)() const, const char* field, double target) {
+  if (!num.on || !den.on) return;
+  const auto a = num.each(figure), b = den.each(figure);
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) ratios.push_back(a[i] / b[i]);
+  const double ratio = median(ratios);
+  JsonLine(name)
+      .add(field, ratio, 3)
+      .add("min", *std::min_element(ratios.begin(), ratios.end()), 3)
+      .add("max", *std::max_element(ratios.begin(), ratios.end()), 3)
+      .add("target", target, 2)
+      .add("pass", ratio <= target)
+      .print(out);
+}
+
+}  // namespace
+
+void runSocketIoBenchmarks(std::ostream& out) {
+  const auto& settings = benchSettings();
+  testing_support::DevServerOptions options;
+  options.tavern = 1;
+  options.tavernTls = 0;
+  options.record = false;
+  testing_support::DevServer server(options);
+  if (!server.ready()) throw std::runtime_error("the dev server did not start");
+
+  SioClient sio(server.tavernUrls().at(0));
+  RawClient raw(server.echoUrl());
+  const std::string sid = sio.socket().sid();
+
+  const auto args = commandArgs();
+  // The exact text frame the client sends for the first emit: 420["command","setChannelAttributes",...]
+  auto named = args;
+  named.args.insert(named.args.begin(), json::value("command"));
+  const std::string frame = sio::encodeEvent(named, 0).text;
+
+  auto events = std::make_shared<EventCounter>();
+  sio.socket().on("flood", [events](const sio::Payload& p, const sio::Responder&) { events->onEvent(p); });
+
+  const int sequential = settings.count(kSequential);
+  const int pipelined = settings.count(kPipelined);
+  const int flood = settings.count(kEvents);
+
+  Case ackLatency{"socketio.ack_latency",
+                  [&] { return std::make_shared<AckChain>(sio.socketPtr(), sequential, 1)->run(args); }};
+  Case echoLatency{"websocket.echo_latency", [&] { return raw.run(frame, sequential, 1); }};
+  Case ackPipelined{"socketio.ack_pipelined", [&] {
+                      return std::make_shared<AckChain>(sio.socketPtr(), pipelined, kInFlight)->run(args);
+                    }};
+  Case echoPipelined{"websocket.echo_pipelined", [&] { return raw.run(frame, pipelined, kInFlight); }};
+  Case eventReceive{"socketio.event_receive", [&] {
+                      std::future<void> reached;
+                      qnbrl::MainQueue::sync([&] {
+                        events->count = 0;
+                        events->goal = flood;
+                        events->reached = {};
+                        reached = events->reached.get_future();
+                      });
+                      Measure m;
+                      if (!server.burst(0, sid, "flood", flood, kEventSize)) {
+                        throw std::runtime_error("the server refused the burst");
+                      }
+                      await(reached, "Socket.IO events");
+                      Round r;
+                      m.finish(r);
+                      r.ops = flood;
+                      bool bad = false;
+                      qnbrl::MainQueue::sync([&] { bad = events->bad; });
+                      if (bad) throw std::runtime_error("an event arrived with other arguments than sent");
+                      return r;
+                    }};
+
+  std::cerr << "frame: " << frame << "\n";
+  for (int round = 0; round <= settings.rounds; ++round) {
+    const bool keep = round > 0;
+    std::cerr << (keep ? "round " + std::to_string(round) : std::string("warm-up")) << "\n";
+    // The order within each pair flips every round, so that a drift in the machine's load does not
+    // favour one side.
+    Case* pairs[][2] = {{&ackLatency, &echoLatency}, {&ackPipelined, &echoPipelined}};
+    for (auto& pair : pairs) {
+      if (round % 2) std::swap(pair[0], pair[1]);
+      pair[0]->measure(keep);
+      pair[1]->measure(keep);
+    }
+    eventReceive.measure(keep);
+  }
+
+  printLatency(out, ackLatency);
+  printLatency(out, echoLatency);
+  printRatio(out, "socketio.ack_latency_vs_websocket", ackLatency, echoLatency, &Round::p50, "ratio_p50",
+             kLatencyTarget);
+  printThroughput(out, ackPipelined, "requests", "in_flight", kInFlight);
+  printThroughput(out, echoPipelined, "requests", "in_flight", kInFlight);
+  printRatio(out, "socketio.ack_pipelined_cpu_vs_websocket", ackPipelined, echoPipelined, &Round::cpuPer100k,
+             "ratio", kPipelineTarget);
+  printThroughput(out, eventReceive, "events", "size", kEventSize);
+  printRatio(out, "socketio.event_receive_cpu_vs_websocket", eventReceive, echoPipelined, &Round::cpuPer100k,
+             "ratio", kEventTarget);
+}
