@@ -39,3 +39,4 @@ class JsonLine {
 
 // The Socket.IO client against the dev server, beside a raw WebSocket baseline.
 void runSocketIoBenchmarks(std::ostream& out);
+void runDiagnosticsBenchmarks(std::ostream& out);

@@ -120,6 +120,7 @@ int main(int argc, char** argv) {
   };
   const Group groups[] = {
       {"socketio", runSocketIoBenchmarks},
+      {"diagnostics", runDiagnosticsBenchmarks},
   };
   int status = 0;
   for (const auto& group : groups) {
