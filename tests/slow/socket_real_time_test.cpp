@@ -1,5 +1,5 @@
 // The real durations behind the clock seam: connect time-out, acknowledgement time-outs, heartbeat.
-#include "transport/QNSocketManager.hpp"
+#include "transport/socket_manager.hpp"
 
 #include "support/socketio_fixture.hpp"
 

@@ -1,4 +1,4 @@
-#include "transport/QNBRLResult.hpp"
+#include "transport/brl_result.hpp"
 
 #include <cmath>
 #include <cctype>

@@ -1,4 +1,4 @@
-#include "transport/QNSocketManager.hpp"
+#include "transport/socket_manager.hpp"
 
 #include "support/queues.hpp"
 

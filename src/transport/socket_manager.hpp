@@ -2,7 +2,7 @@
 // The one signalling connection of a client: created per tavern server URL, connected with a
 // time-out, and turning every server event into one call on the message delegate.
 #include "socketio/client.hpp"
-#include "transport/QNBRLResult.hpp"
+#include "transport/brl_result.hpp"
 
 #include <boost/json/object.hpp>
 
