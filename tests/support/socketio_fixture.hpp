@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 
 namespace testing_support {
@@ -47,6 +48,27 @@ class Recorder {
  private:
   mutable std::mutex mutex_;
   std::vector<std::pair<std::string, sio::Payload>> heard_;
+};
+
+// A socket on `url` with a recorder attached before it connects. The manager is destroyed first, so
+// no handler outlives the recorder.
+class Session {
+ public:
+  explicit Session(const std::string& url, sio::Options options = {},
+                   std::initializer_list<const char*> events = {"connect", "disconnect"})
+      : manager_(std::make_shared<sio::Manager>(qnbrl::MainQueue::executor(), url, std::move(options))) {
+    recorder_.attach(*manager_->socket(), events);
+    manager_->socket()->connect(std::chrono::seconds(6), [this] { ++timeouts_; });
+  }
+  sio::Socket& socket() { return *manager_->socket(); }
+  std::shared_ptr<sio::Manager>& manager() { return manager_; }
+  const Recorder& recorder() const { return recorder_; }
+  int timeouts() const { return timeouts_; }
+
+ private:
+  Recorder recorder_;
+  std::atomic<int> timeouts_{0};
+  std::shared_ptr<sio::Manager> manager_;
 };
 
 // Collects acknowledgements; counts calls so that "exactly once" can be asserted.

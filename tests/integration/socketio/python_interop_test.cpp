@@ -12,19 +12,17 @@ TEST(SocketIoPythonInterop, HandshakeAcksBinaryEventsAndServerDisconnect) {
   ASSERT_TRUE(server.ready());
   sio::Options o;
   o.query = {{"token", "a b+c/é"}};
-  auto m = std::make_shared<sio::Manager>(qnbrl::MainQueue::executor(), server.url(), o);
-  Recorder r;
-  r.attach(*m->socket(), {"connect", "disconnect", "pushed"});
-  m->socket()->connect(6s, [] {});
+  Session s(server.url(), o, {"connect", "disconnect", "pushed"});
+  auto& r = s.recorder();
   ASSERT_TRUE(r.waitFor("connect"));
   auto conns = server.connections();
   ASSERT_EQ(conns.size(), 1u);
   EXPECT_EQ(conns[0].query.at("token").as_string(), "a b+c/é");
-  EXPECT_EQ(conns[0].id, m->socket()->sid());
+  EXPECT_EQ(conns[0].id, s.socket().sid());
 
   AckSink command, echo;
-  m->socket()->emitWithAck("command", args({"join", json::object{{"channelId", "c1"}}}), 6s, command.callback());
-  m->socket()->emitWithAck("echo", args({"t", sio::makePlaceholder(0)}, {bytes({1, 2, 3, 4})}), 6s, echo.callback());
+  s.socket().emitWithAck("command", args({"join", json::object{{"channelId", "c1"}}}), 6s, command.callback());
+  s.socket().emitWithAck("echo", args({"t", sio::makePlaceholder(0)}, {bytes({1, 2, 3, 4})}), 6s, echo.callback());
   ASSERT_TRUE(waitUntil([&] { return command.count() == 1 && echo.count() == 1; }));
   EXPECT_EQ(json::serialize(command.at(0).args), R"([{"result":0}])");
   ASSERT_EQ(echo.at(0).buffers.size(), 1u);
