@@ -18,6 +18,7 @@
 #include <deque>
 #include <future>
 #include <mutex>
+#include <queue>
 #include <unordered_map>
 
 namespace sio {
@@ -78,15 +79,74 @@ bool validUtf8(std::string_view s) {
   return true;
 }
 
-Payload noAck() {
-  Payload p;
-  p.args.emplace_back(kNoAck);
-  return p;
-}
-
 struct Outgoing {
   std::string text;
   BufferPtr binary;  // set for an attachment frame
+};
+
+// The acknowledgements a socket waits for. Each is answered once: by the server, or with
+// ["NO ACK"] at its deadline. One clock timer, armed for the earliest deadline, serves them all;
+// it co-owns the table, so waiting entries still get their answer after the socket is gone.
+class AckTable : public std::enable_shared_from_this<AckTable> {
+ public:
+  explicit AckTable(net::any_io_executor ex) : ex_(std::move(ex)) {}
+
+  void add(std::uint64_t id, Clock::duration timeout, AckCallback callback) {
+    auto deadline = Clock::current().now() + timeout;
+    pending_.emplace(id, std::move(callback));
+    deadlines_.emplace(deadline, id);
+    if (deadline < armed_) arm(deadline);
+  }
+
+  // The server's acknowledgement; an unknown id (never issued, answered or timed out) is ignored.
+  void answer(std::uint64_t id, const Payload& args) {
+    auto it = pending_.find(id);
+    if (it == pending_.end()) return;
+    auto callback = std::move(it->second);
+    pending_.erase(it);
+    dropAnswered();
+    safeCall(callback, args);
+  }
+
+ private:
+  using Deadline = std::pair<Clock::time_point, std::uint64_t>;
+
+  // Acknowledgements mostly come in order, so this keeps the heap as small as what is waiting.
+  void dropAnswered() {
+    while (!deadlines_.empty() && !pending_.contains(deadlines_.top().second)) deadlines_.pop();
+  }
+
+  void arm(Clock::time_point deadline) {
+    if (timer_) timer_->cancel();
+    armed_ = deadline;
+    timer_ = Clock::current().schedule(ex_, deadline - Clock::current().now(),
+                                       [self = shared_from_this()] { self->expire(); });
+  }
+
+  void expire() {
+    timer_.reset();
+    armed_ = Clock::time_point::max();
+    auto now = Clock::current().now();
+    Payload no_ack;
+    no_ack.args.emplace_back(kNoAck);
+    while (!deadlines_.empty() && deadlines_.top().first <= now) {
+      auto id = deadlines_.top().second;
+      deadlines_.pop();
+      if (auto it = pending_.find(id); it != pending_.end()) {
+        auto callback = std::move(it->second);
+        pending_.erase(it);
+        safeCall(callback, no_ack);  // may add entries, and so arm the timer again
+      }
+    }
+    dropAnswered();
+    if (!deadlines_.empty() && deadlines_.top().first < armed_) arm(deadlines_.top().first);
+  }
+
+  net::any_io_executor ex_;
+  std::unordered_map<std::uint64_t, AckCallback> pending_;
+  std::priority_queue<Deadline, std::vector<Deadline>, std::greater<>> deadlines_;
+  TimerPtr timer_;
+  Clock::time_point armed_ = Clock::time_point::max();
 };
 
 }  // namespace
@@ -104,7 +164,7 @@ class Transport {
 class Engine : public std::enable_shared_from_this<Engine> {
  public:
   Engine(net::any_io_executor ex, std::string url, Options options)
-      : ex_(std::move(ex)), url_(std::move(url)), options_(std::move(options)) {}
+      : ex_(std::move(ex)), url_(std::move(url)), options_(std::move(options)), acks_(std::make_shared<AckTable>(ex_)) {}
 
   const net::any_io_executor& executor() const { return ex_; }
   const Options& options() const { return options_; }
@@ -139,12 +199,11 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void disconnect();
   void emit(std::string event, Payload args, std::optional<std::chrono::milliseconds> timeout,
             AckCallback callback);
-  // The owner is gone: close without telling anyone. Pending acknowledgements keep their timers.
+  // The owner is gone: close without telling anyone. Pending acknowledgements keep their time-outs.
   void abandon() {
     abandoned_ = true;
     handlers_.clear();
     close("", false);
-    acks_.clear();
   }
 
   // Called by the transport, on the executor.
@@ -153,17 +212,6 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void onTransportClosed(const std::string& why) { close(why, true); }
 
  private:
-  struct PendingAck {
-    AckCallback callback;
-    TimerPtr timer;
-    void answer(const Payload& args) {
-      // Whoever comes first (acknowledgement or time-out) answers; the callback is gone after that.
-      auto cb = std::move(callback);
-      callback = nullptr;
-      safeCall(cb, args);
-    }
-  };
-
   void setStatus(Socket::Status s) { status_.store(s); }
   void onPacket(Packet packet);
   void onConnectReply(const Packet& packet);
@@ -185,7 +233,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
 
   bool abandoned_ = false;
   std::unordered_map<std::string, EventHandler> handlers_;
-  std::unordered_map<std::uint64_t, std::shared_ptr<PendingAck>> acks_;
+  std::shared_ptr<AckTable> acks_;
   std::uint64_t next_ack_id_ = 0;
   std::vector<Frames> outbox_;  // emits made before the server accepted the connection
   std::shared_ptr<Transport> transport_;
@@ -538,15 +586,10 @@ void Engine::deliverEvent(Packet packet) {
 
 void Engine::deliverAck(Packet packet) {
   if (!packet.id) return;
-  auto it = acks_.find(*packet.id);
-  if (it == acks_.end()) return;  // unknown, already answered or timed out
-  auto pending = std::move(it->second);
-  acks_.erase(it);
-  pending->timer->cancel();
   Payload payload;
   if (auto* a = packet.data.if_array()) payload.args = std::move(*a);
   payload.buffers = std::move(packet.buffers);
-  pending->answer(payload);
+  acks_->answer(*packet.id, payload);
 }
 
 void Engine::emit(std::string event, Payload args, std::optional<std::chrono::milliseconds> timeout,
@@ -554,14 +597,7 @@ void Engine::emit(std::string event, Payload args, std::optional<std::chrono::mi
   std::optional<std::uint64_t> id;
   if (timeout) {
     id = next_ack_id_++;
-    auto pending = std::make_shared<PendingAck>();
-    pending->callback = std::move(callback);
-    // The timer holds the pending entry, not the engine: it answers even after the engine is gone.
-    pending->timer = Clock::current().schedule(ex_, *timeout, [weak = weak_from_this(), pending, id = *id] {
-      if (auto self = weak.lock()) self->acks_.erase(id);
-      pending->answer(noAck());
-    });
-    if (!abandoned_) acks_.emplace(*id, std::move(pending));
+    acks_->add(*id, *timeout, std::move(callback));
   }
   auto s = status_.load();
   if (abandoned_ || s == Socket::Status::Disconnected || isReservedEventName(event)) return;

@@ -48,31 +48,28 @@ class SteadyClock : public Clock {
   }
 };
 
-std::mutex g_clock_mutex;
-std::shared_ptr<Clock>& installed() {
-  static auto* clock = new std::shared_ptr<Clock>(std::make_shared<SteadyClock>());
+std::mutex g_install_mutex;
+std::atomic<Clock*> g_current{nullptr};
+
+Clock& steadyClock() {
+  static auto* clock = new SteadyClock();
   return *clock;
 }
-Clock* g_current = nullptr;
 
 }  // namespace
 
+// Read on every emit: an atomic pointer, not a lock.
 Clock& Clock::current() {
-  std::lock_guard lock(g_clock_mutex);
-  if (!g_current) g_current = installed().get();
-  return *g_current;
+  if (auto* c = g_current.load(std::memory_order_acquire)) return *c;
+  return steadyClock();
 }
 
 void Clock::install(std::shared_ptr<Clock> clock) {
-  std::lock_guard lock(g_clock_mutex);
+  std::lock_guard lock(g_install_mutex);
   // Installed clocks are kept for the life of the process: timers may still point at them.
   static auto* keep = new std::vector<std::shared_ptr<Clock>>();
-  if (!clock) {
-    g_current = installed().get();
-    return;
-  }
-  keep->push_back(clock);
-  g_current = clock.get();
+  if (clock) keep->push_back(clock);
+  g_current.store(clock.get(), std::memory_order_release);
 }
 
 struct ManualClock::Entry : Timer {

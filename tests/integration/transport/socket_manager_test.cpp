@@ -183,7 +183,8 @@ TEST_F(SocketManager, CommandsWaitSixSecondsAndClearingAttributesTen) {
   connectTo(0);
   std::vector<std::string> timedOut;
   std::mutex m;
-  for (const char* name : {"setChannelAttributes", "clearLocalUserAttributes"}) {
+  // The longer wait goes first, so the shorter one must bring its own deadline forward.
+  for (const char* name : {"clearLocalUserAttributes", "setChannelAttributes"}) {
     manager_->command(name, {}, [&, name](const qnbrl::QNBRLResult& r) {
       EXPECT_TRUE(r.isAckTimeout());
       std::lock_guard lock(m);
