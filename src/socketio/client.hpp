@@ -22,8 +22,6 @@ namespace sio {
 struct Options {
   // Offer permessage-deflate; it is used only when the server agrees.
   bool compress = true;
-  // WebSocket is the only transport of this client; the switch exists so that callers can state it.
-  bool websocket_only = true;
   // Sent as the connection URL's query, in this order, before EIO and transport.
   std::vector<std::pair<std::string, std::string>> query;
   std::string path = "/socket.io/";

@@ -7,10 +7,10 @@
 namespace qnbrl {
 namespace {
 
+// "forceWebsockets" needs no mapping: WebSocket is the socket layer's only transport.
 sio::Options optionsFromConfig(const boost::json::object& config) {
   sio::Options options;
   if (auto* v = config.if_contains("compress"); v && v->is_bool()) options.compress = v->as_bool();
-  if (auto* v = config.if_contains("forceWebsockets"); v && v->is_bool()) options.websocket_only = v->as_bool();
   if (auto* v = config.if_contains("connectParams"); v && v->is_object()) {
     for (auto& [key, value] : v->as_object()) {
       // Texts go as they are; numbers and booleans as their JSON text (12, true).
