@@ -132,9 +132,9 @@ TEST_F(SocketManager, EveryServerEventReachesItsMethodUntouched) {
 }
 
 TEST_F(SocketManager, EventsWithoutAnImplementingDelegateAreDropped) {
+  listener_.delegate->onLoginSuccess = nullptr;  // before any event can read it
   connectTo(0);
   auto sid = manager_->socket().lock()->sid();
-  listener_.delegate->onLoginSuccess = nullptr;
   ASSERT_TRUE(server_->push(0, sid, "loginSuccess", json::array{1}));
   ASSERT_TRUE(server_->push(0, sid, "MemberJoined", json::array{2}));
   ASSERT_TRUE(waitUntil([&] { return listener_.count() == 1; }));
