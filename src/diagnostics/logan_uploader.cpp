@@ -54,7 +54,7 @@ void QNLoganUploader::send(const std::string& filePath, std::function<void(bool)
     finish(0, result);
     return;
   }
-  HttpRequestSpec request;
+  HttpRequest request;
   request.method = "POST";
   request.url = urlString();
   request.headers.emplace_back("Content-type", "application/octet-stream");

@@ -61,8 +61,8 @@ std::optional<Target> parseTarget(const std::string& url) {
 
 class Exchange : public std::enable_shared_from_this<Exchange> {
  public:
-  Exchange(HttpRequestSpec spec, HttpSession::Completion completion)
-      : spec_(std::move(spec)),
+  Exchange(HttpRequest request, HttpSession::Completion completion)
+      : request_(std::move(request)),
         completion_(std::move(completion)),
         strand_(asio::make_strand(backgroundExecutor())),
         resolver_(strand_),
@@ -70,7 +70,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
   void start() {
     asio::dispatch(strand_, [self = shared_from_this()] {
-      auto limit = std::min<sio::Clock::duration>(self->spec_.timeout, HttpSession::resourceTimeout);
+      auto limit = std::min<sio::Clock::duration>(self->request_.timeout, HttpSession::resourceTimeout);
       self->timer_ = sio::Clock::current().schedule(self->strand_, limit, [weak = self->weak_from_this()] {
         if (auto s = weak.lock()) s->expire();
       });
@@ -82,8 +82,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   tcp::socket& lowest() { return tls_ ? tls_->next_layer() : plain_; }
 
   asio::awaitable<void> run() {
-    auto target = parseTarget(spec_.url);
-    auto verb = http::string_to_verb(spec_.method);
+    auto target = parseTarget(request_.url);
+    auto verb = http::string_to_verb(request_.method);
     if (!target || verb == http::verb::unknown) {
       throw boost::system::system_error(make_error_code(boost::system::errc::invalid_argument));
     }
@@ -109,9 +109,9 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     http::request<http::string_body> req(verb, target.target, 11);
     req.set(http::field::host, target.hostHeader);
     req.set(http::field::user_agent, "qnbrl/" QNBRL_VERSION);
-    for (const auto& [name, value] : spec_.headers) req.set(name, value);
+    for (const auto& [name, value] : request_.headers) req.set(name, value);
     req.keep_alive(false);
-    req.body() = std::move(spec_.body);
+    req.body() = std::move(request_.body);
     req.prepare_payload();
     co_await http::async_write(stream, req, asio::use_awaitable);
 
@@ -156,7 +156,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     }
   }
 
-  HttpRequestSpec spec_;
+  HttpRequest request_;
   HttpSession::Completion completion_;
   asio::strand<asio::any_io_executor> strand_;
   tcp::resolver resolver_;
@@ -170,7 +170,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
 }  // namespace
 
-void HttpSession::send(HttpRequestSpec request, Completion completion) {
+void HttpSession::send(HttpRequest request, Completion completion) {
   std::make_shared<Exchange>(std::move(request), std::move(completion))->start();
 }
 
@@ -180,11 +180,11 @@ HttpSession& QNHttpRequest::sharedSession() {
 }
 
 void QNHttpRequest::getRequest(const std::string& url, Completion completion) {
-  HttpRequestSpec spec;
-  spec.url = url;
-  spec.headers.emplace_back("Content-Type", "application/json");
-  spec.timeout = HttpSession::requestTimeout;
-  sharedSession().send(std::move(spec), [completion = std::move(completion)](HttpResponse r) {
+  HttpRequest request;
+  request.url = url;
+  request.headers.emplace_back("Content-Type", "application/json");
+  request.timeout = HttpSession::requestTimeout;
+  sharedSession().send(std::move(request), [completion = std::move(completion)](HttpResponse r) {
     if (r.error) {
       completion(std::nullopt, r.error);
     } else {

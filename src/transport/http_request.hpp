@@ -12,7 +12,7 @@
 
 namespace qnbrl {
 
-struct HttpRequestSpec {
+struct HttpRequest {
   std::string method = "GET";
   std::string url;
   std::vector<std::pair<std::string, std::string>> headers;
@@ -36,7 +36,7 @@ class HttpSession {
   static constexpr std::chrono::seconds resourceTimeout{36};
 
   // Starts one exchange; `completion` runs exactly once, on a background executor.
-  void send(HttpRequestSpec request, Completion completion);
+  void send(HttpRequest request, Completion completion);
 };
 
 class QNHttpRequest {

@@ -54,10 +54,6 @@ std::optional<Bytes> bytesFrom(const json::value& value) {
 std::string testCaFile() {
   return QNBRL_SOURCE_DIR "/tests/data/tls/ca.pem";
 }
-std::string untrustedTestCaFile() {
-  return QNBRL_SOURCE_DIR "/tests/data/tls/untrusted-ca.pem";
-}
-
 // ---- ChildProcess ----
 
 namespace {

@@ -52,7 +52,6 @@ std::optional<Bytes> bytesFrom(const boost::json::value& value);
 
 // Test certificate files (absolute paths).
 std::string testCaFile();           // tests/data/tls/ca.pem
-std::string untrustedTestCaFile();  // tests/data/tls/untrusted-ca.pem
 
 // A child process with a stream to its stdin (a socket, so that writing to a child that has gone fails
 // instead of raising SIGPIPE) and a pipe from its stdout, split into lines on a reader thread. Stopping is
