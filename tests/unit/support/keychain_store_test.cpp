@@ -107,16 +107,19 @@ TEST_F(FileStoreTest, StatusIsShownAsNumberHexAndFourCharacters) {
 TEST_F(FileStoreTest, DeviceIdentifierSurvivesALaterProcessButIsFreshEachTimeWhenTheStoreFails) {
   CaptureStdout();  // the first read reports the missing item
   auto id = QNUUIDHelper::uuidForDevice();
+  GetCapturedStdout();
   EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
   QNKeyChainStore::setBackend(fileBackend(file));  // a later process opens the same file afresh
   EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
   EXPECT_EQ(QNKeyChainStore::stringForKey("com.qn.device.uuid"), id);
 
   QNKeyChainStore::setBackend(std::make_shared<FixedStatus>(2));
+  CaptureStdout();
   auto a = QNUUIDHelper::uuidForDevice();
-  EXPECT_EQ(a.size(), 32u);
-  EXPECT_NE(a, QNUUIDHelper::uuidForDevice());
+  auto b = QNUUIDHelper::uuidForDevice();
   GetCapturedStdout();
+  EXPECT_EQ(a.size(), 32u);
+  EXPECT_NE(a, b);
 }
 
 TEST(QNUUIDHelper, UuidIsThirtyTwoLowerCaseHexCharacters) {
