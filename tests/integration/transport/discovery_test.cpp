@@ -23,11 +23,15 @@ namespace {
 
 using ServerList = std::optional<std::vector<std::string>>;
 
+std::future<ServerList> startDiscovery(const std::string& apiServer, const std::string& appId) {
+  auto answer = std::make_shared<std::promise<ServerList>>();
+  QNApiHelper::apiServer(apiServer, appId, [answer](ServerList list) { answer->set_value(std::move(list)); });
+  return answer->get_future();
+}
+
 // Runs discovery and waits (bounded) for its single answer.
 ServerList discover(const std::string& apiServer, const std::string& appId) {
-  std::promise<ServerList> answer;
-  auto future = answer.get_future();
-  QNApiHelper::apiServer(apiServer, appId, [&answer](ServerList list) { answer.set_value(std::move(list)); });
+  auto future = startDiscovery(apiServer, appId);
   if (future.wait_for(20s) != std::future_status::ready) {
     ADD_FAILURE() << "discovery never answered";
     return std::nullopt;
@@ -40,11 +44,18 @@ struct GetResult {
   std::error_code error;
 };
 
+// Starts a GET; the future holds its single answer.
+std::future<GetResult> get(const std::string& url) {
+  auto got = std::make_shared<std::promise<GetResult>>();
+  QNHttpRequest::getRequest(url, [got](std::optional<std::string> data, std::error_code ec) {
+    got->set_value({std::move(data), ec});
+  });
+  return got->get_future();
+}
+
 class DiscoveryTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    server = new DevServer();
-  }
+  static void SetUpTestSuite() { server = new DevServer(); }
   static void TearDownTestSuite() {
     delete server;
     server = nullptr;
@@ -105,10 +116,7 @@ TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
   auto clock = std::make_shared<sio::ManualClock>();
   sio::Clock::install(clock);
   server->scriptDiscovery(DiscoveryAnswer().after(60s));
-  std::promise<ServerList> answer;
-  auto future = answer.get_future();
-  QNApiHelper::apiServer(server->httpUrl(), "app",
-                         [&answer](ServerList list) { answer.set_value(std::move(list)); });
+  auto future = startDiscovery(server->httpUrl(), "app");
   ASSERT_TRUE(waitUntil([&] { return server->discoveryRequests().size() == 1; }));
   clock->advance(5999ms);
   EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
@@ -117,12 +125,7 @@ TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
   EXPECT_EQ(future.get(), std::nullopt);
 
   // A port that accepts and never answers is ended the same way.
-  std::promise<GetResult> got;
-  auto gotFuture = got.get_future();
-  QNHttpRequest::getRequest(server->blackholeUrl() + "/x",
-                            [&got](std::optional<std::string> data, std::error_code ec) {
-                              got.set_value({std::move(data), ec});
-                            });
+  auto gotFuture = get(server->blackholeUrl() + "/x");
   ASSERT_TRUE(waitUntil([&] { return clock->pending() > 0; }));
   clock->advance(6s);
   ASSERT_EQ(gotFuture.wait_for(10s), std::future_status::ready);
@@ -160,12 +163,7 @@ TEST(HttpRequest, GarbageAnswerIsAnError) {
     boost::asio::read_until(socket, request, "\r\n\r\n", ec);
     boost::asio::write(socket, boost::asio::buffer(std::string("\x01\x02 no http here\r\n\r\n")), ec);
   });
-  std::promise<GetResult> got;
-  auto future = got.get_future();
-  QNHttpRequest::getRequest("http://127.0.0.1:" + std::to_string(port) + "/",
-                            [&got](std::optional<std::string> data, std::error_code ec) {
-                              got.set_value({std::move(data), ec});
-                            });
+  auto future = get("http://127.0.0.1:" + std::to_string(port) + "/");
   ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
   auto result = future.get();
   EXPECT_TRUE(result.error);

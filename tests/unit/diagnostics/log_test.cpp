@@ -23,11 +23,6 @@ std::string readFile(const fs::path& p) {
   return s.str();
 }
 
-void writeBytes(const fs::path& p, std::size_t n) {
-  std::ofstream out(p, std::ios::binary);
-  out << std::string(n, 'x');
-}
-
 // Converted by Boost.JSON, so the log describes it through value_from; counts how often it does.
 struct Counted {
   int* calls;
@@ -51,20 +46,10 @@ class QNLogTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(QNLogTest, FilterZeroSilencesEveryLevel) {
-  log.info("a");
-  log.warn("b");
-  log.error("c");
-  log.critical("d");
-  log.setLogFilter(-8);
-  log.critical("e");
-  EXPECT_EQ(written(), "");
-}
-
 TEST_F(QNLogTest, FiltersAreAtLeastThresholdsNotBits) {
   const std::map<std::int64_t, std::string> expected{
-      {1, "i\n"},       {2, "i\nw\n"},       {3, "i\nw\n"},         {4, "i\nw\ne\n"},
-      {7, "i\nw\ne\n"}, {8, "i\nw\ne\nc\n"}, {1000, "i\nw\ne\nc\n"}};
+      {-8, ""},         {0, ""},          {1, "i\n"},          {2, "i\nw\n"},         {3, "i\nw\n"},
+      {4, "i\nw\ne\n"}, {7, "i\nw\ne\n"}, {8, "i\nw\ne\nc\n"}, {1000, "i\nw\ne\nc\n"}};
   for (const auto& [filter, lines] : expected) {
     fs::resize_file(path, 0);
     log.setLogFilter(filter);
@@ -76,15 +61,7 @@ TEST_F(QNLogTest, FiltersAreAtLeastThresholdsNotBits) {
   }
 }
 
-TEST_F(QNLogTest, LinesAreTrimmedAndEndInOneLineBreak) {
-  log.setLogFilter(1);
-  log.info("  \t%@ \n\r\n", "message with  inner  spaces");
-  log.writeLogToFile("\xC2\xA0unicode space\xE3\x80\x80");
-  log.writeLogToFile(" \n ");
-  EXPECT_EQ(written(), "message with  inner  spaces\nunicode space\n\n");
-}
-
-TEST_F(QNLogTest, PlaceholdersTakeStringsNumbersAndCompactJson) {
+TEST_F(QNLogTest, PlaceholdersTakeStringsNumbersAndCompactJsonAndLinesAreTrimmed) {
   log.setLogFilter(8);
   boost::json::object params{{"channelId", "c1"}, {"keys", boost::json::array{"a", "b"}}};
   log.info("socket config: %@", params);
@@ -92,12 +69,16 @@ TEST_F(QNLogTest, PlaceholdersTakeStringsNumbersAndCompactJson) {
   log.info("PeersOnlineStatusChanged: %@", std::vector<std::string>{"p1", "p2"});
   log.info("%@ %@ %@ %@ 100%%", boost::json::value("text"), std::optional<int>{}, 1.5, true);
   log.warn("disconnectReason, params = %@", boost::json::value(boost::json::array{"KickOff"}));
+  log.info("  \t%@ \n\r\n", "message with  inner  spaces");
+  log.writeLogToFile("\xC2\xA0unicode space\xE3\x80\x80");
+  log.writeLogToFile(" \n ");
   EXPECT_EQ(written(),
             "socket config: {\"channelId\":\"c1\",\"keys\":[\"a\",\"b\"]}\n"
             "join channel: c1, ret = 0\n"
             "PeersOnlineStatusChanged: [\"p1\",\"p2\"]\n"
             "text (null) 1.5 true 100%\n"
-            "disconnectReason, params = [\"KickOff\"]\n");
+            "disconnectReason, params = [\"KickOff\"]\n"
+            "message with  inner  spaces\nunicode space\n\n");
 }
 
 TEST_F(QNLogTest, ArgumentsOfSilencedLevelsAreNeverDescribed) {
@@ -114,14 +95,11 @@ TEST_F(QNLogTest, MissingFileLosesLinesSilentlyUntilItExistsAgain) {
   log.setLogFilter(1);
   fs::remove(path);
   log.info("lost");
-  log.flush();
-  EXPECT_FALSE(fs::exists(path));
-
   log.setLogFilePath((dir.path() / "no-such-dir" / "x.log").string());
   log.info("lost too");
   log.flush();
+  EXPECT_FALSE(fs::exists(path));
   EXPECT_FALSE(fs::exists(dir.path() / "no-such-dir"));
-
   auto other = dir.path() / "other.log";
   std::ofstream(other).close();
   log.setLogFilePath(other.string());
@@ -140,39 +118,27 @@ TEST_F(QNLogTest, LinesFromManyThreadsStayWholeAndInOrderPerThread) {
   }
   for (auto& th : threads) th.join();
   std::istringstream lines(written());
-  std::string line;
+  std::map<int, int> next;  // per thread, the line number expected next
   int count = 0;
-  std::map<int, int> next;
-  while (std::getline(lines, line)) {
+  for (std::string line; std::getline(lines, line); ++count) {
     int t = 0, i = 0;
     ASSERT_EQ(std::sscanf(line.c_str(), "t%d line %d of text", &t, &i), 2) << line;
     EXPECT_EQ(i, next[t]++);
-    ++count;
   }
   EXPECT_EQ(count, 200);
 }
 
-TEST(QNLogFile, CreateFileKeepsExactlyTenMebibytesAndDeletesOneByteMore) {
+TEST(QNLogFile, CreateFileKeepsExactlyTenMebibytesAndEmptiesOneByteMoreInTheCachesDirectory) {
   TempDir dir;
+  ScopedEnv cache("XDG_CACHE_HOME", dir.path().c_str());
   auto path = dir.path() / "qn_brl.log";
-  writeBytes(path, 10 * 1024 * 1024);
-  EXPECT_EQ(QNLog::createFile(dir.path()), path.string());
-  EXPECT_EQ(fs::file_size(path), 10u * 1024 * 1024);
-
-  writeBytes(path, 10 * 1024 * 1024 + 1);
-  QNLog::createFile(dir.path());
-  ASSERT_TRUE(fs::exists(path));
-  EXPECT_EQ(fs::file_size(path), 0u);
-}
-
-TEST(QNLogFile, DefaultFileLivesInTheCachesDirectory) {
-  TempDir dir;
-  {
-    ScopedEnv cache("XDG_CACHE_HOME", (dir.path() / "cache").c_str());
-    EXPECT_EQ(QNLog::createFile(), (dir.path() / "cache" / "qn_brl.log").string());
-    EXPECT_TRUE(fs::exists(dir.path() / "cache" / "qn_brl.log"));
+  for (std::size_t size : {10u * 1024 * 1024, 10u * 1024 * 1024 + 1}) {
+    std::ofstream(path, std::ios::binary) << std::string(size, 'x');
+    EXPECT_EQ(QNLog::createFile(), path.string());
+    EXPECT_EQ(fs::file_size(path), size > 10u * 1024 * 1024 ? 0u : size);
   }
   ScopedEnv home("HOME", dir.path().c_str());
-  ScopedEnv cache("XDG_CACHE_HOME", nullptr);
+  ScopedEnv unset("XDG_CACHE_HOME", nullptr);
   EXPECT_EQ(QNLog::createFile(), (dir.path() / ".cache" / "qn_brl.log").string());
+  EXPECT_TRUE(fs::exists(dir.path() / ".cache" / "qn_brl.log"));
 }

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
 
 #include <fstream>
 #include <regex>
@@ -17,19 +18,11 @@ using testing_support::TempDir;
 
 namespace {
 
-std::vector<std::string> keys(const boost::json::object& o) {
-  std::vector<std::string> out;
-  for (const auto& kv : o) out.emplace_back(kv.key());
+// The keys of a JSON object in their written order, joined by commas.
+std::string keyList(const boost::json::object& o) {
+  std::string out;
+  for (const auto& kv : o) out += (out.empty() ? "" : ",") + std::string(kv.key());
   return out;
-}
-
-const std::vector<std::string> kCommon = {"uid",      "appId",           "os",        "platform", "sdkVer",
-                                          "deviceId", "clientSessionId", "timestamp", "type"};
-
-std::vector<std::string> withCommon(std::vector<std::string> fields) {
-  auto all = kCommon;
-  all.insert(all.end(), fields.begin(), fields.end());
-  return all;
 }
 
 class RecorderTest : public ::testing::Test {
@@ -85,44 +78,48 @@ TEST_F(RecorderTest, EveryEventHasTheCommonParametersThenItsOwnFieldsInOrder) {
   recorder->connectState(3, 2);
   auto all = records();
   ASSERT_EQ(all.size(), 8u);
-  std::vector<std::pair<std::string, std::vector<std::string>>> expected = {
-      {"StartLogin", {"loginParams"}},
-      {"LoginResult", {"result", "errorCode", "totalElapsed", "elapsedInfo"}},
-      {"Logout", {"result", "errorCode", "elapsed"}},
-      {"JoinChannel", {"channelId", "channelSessionId", "result", "errorCode", "elapsed"}},
-      {"LeaveChannel", {"channelId", "channelSessionId", "result", "errorCode", "elapsed"}},
-      {"UserAttributes", {"result", "errorCode", "action", "interface"}},
-      {"ChannelAttributes", {"channelId", "action", "interface", "result", "errorCode"}},
-      {"ConnectState", {"state", "reason"}},
+  // Each type's own fields in order, and the exact JSON ending of the ones that carry no durations.
+  const struct {
+    const char *type, *fields, *ending;
+  } expected[] = {
+      {"StartLogin", "loginParams",
+       R"("loginParams":{"token":"tok","uid":"alice","timestamp":1700000000000}})"},
+      {"LoginResult", "result,errorCode,totalElapsed,elapsedInfo", "}"},
+      {"Logout", "result,errorCode,elapsed", "}"},
+      {"JoinChannel", "channelId,channelSessionId,result,errorCode,elapsed", "}"},
+      {"LeaveChannel", "channelId,channelSessionId,result,errorCode,elapsed", "}"},
+      {"UserAttributes", "result,errorCode,action,interface",
+       R"("result":1,"errorCode":2,"action":"set","interface":"iface"})"},
+      {"ChannelAttributes", "channelId,action,interface,result,errorCode",
+       R"("channelId":"c1","action":"delete","interface":"iface","result":1,"errorCode":2})"},
+      {"ConnectState", "state,reason", R"("type":"ConnectState","state":3,"reason":2})"},
   };
   for (std::size_t i = 0; i < all.size(); ++i) {
-    SCOPED_TRACE(expected[i].first);
-    const auto& r = all[i];
-    EXPECT_EQ(keys(r.envelope),
-              (std::vector<std::string>{"logType", "deviceId", "os", "timestamp", "encrypt", "content"}));
-    EXPECT_EQ(r.envelope.at("logType"), 1);
-    EXPECT_EQ(r.envelope.at("deviceId"), "dev-1");
-    EXPECT_EQ(r.envelope.at("os"), "linux");
-    EXPECT_EQ(r.envelope.at("encrypt"), false);
-    EXPECT_EQ(r.event.at("type"), expected[i].first.c_str());
-    EXPECT_EQ(keys(r.event), withCommon(expected[i].second));
-    auto common = boost::json::parse(R"({"uid":"","appId":"","os":"linux","platform":"native"})").as_object();
-    for (const auto& kv : common) EXPECT_EQ(r.event.at(kv.key()), kv.value()) << kv.key();
-    EXPECT_EQ(r.event.at("deviceId"), "dev-1");
-    EXPECT_TRUE(r.event.at("sdkVer").as_string().starts_with("sdkVersion/"));
-    EXPECT_NEAR(static_cast<double>(r.event.at("timestamp").as_int64()),
+    SCOPED_TRACE(expected[i].type);
+    auto envelope = all[i].envelope;
+    auto event = all[i].event;
+    const std::string content(envelope.at("content").as_string());
+    EXPECT_EQ(keyList(envelope), "logType,deviceId,os,timestamp,encrypt,content");
+    EXPECT_EQ(keyList(event),
+              std::string("uid,appId,os,platform,sdkVer,deviceId,clientSessionId,timestamp,type,") +
+                  expected[i].fields);
+    EXPECT_NEAR(static_cast<double>(event.at("timestamp").as_int64()),
                 static_cast<double>(currentTimeStamp()), 60000);
+    envelope.erase("timestamp");
+    envelope.erase("content");
+    EXPECT_EQ(boost::json::serialize(envelope),
+              R"({"logType":1,"deviceId":"dev-1","os":"linux","encrypt":false})");
+    EXPECT_TRUE(content.starts_with(
+        R"({"uid":"","appId":"","os":"linux","platform":"native","sdkVer":"sdkVersion/)"));
+    EXPECT_EQ(event.at("deviceId"), "dev-1");
+    EXPECT_EQ(event.at("type"), expected[i].type);
+    EXPECT_TRUE(content.ends_with(expected[i].ending)) << content;
   }
-  EXPECT_EQ(all[0].event.at("loginParams"),
-            boost::json::parse(R"({"token":"tok","uid":"alice","timestamp":1700000000000})"));
-  EXPECT_EQ(all[5].event.at("action"), "set");
-  EXPECT_EQ(all[5].event.at("interface"), "iface");
-  EXPECT_EQ(all[6].event.at("action"), "delete");
-  EXPECT_EQ(all[7].event.at("state"), 3);
-  EXPECT_EQ(all[7].event.at("reason"), 2);
 }
 
-TEST_F(RecorderTest, CompactionStripsEverySpaceEvenInsideValues) {
+TEST_F(RecorderTest, CompactionStripsEverySpaceAndUnwritableTextProducesNoRecord) {
+  recorder->setUId(std::string("\xff\xfe"));
+  recorder->connectState(1, 6);
   recorder->setUId(std::string("a b"));
   recorder->userAttributes("get", "-[QNBRLKit getUserAttributes:completion:]_block_invoke", 0, 0);
   auto all = records();
@@ -142,7 +139,6 @@ TEST_F(RecorderTest, SettersFillOrRemoveCommonParameters) {
   EXPECT_EQ(event.at("appId"), "app");
   EXPECT_EQ(event.at("uid"), "bob");
   EXPECT_EQ(event.at("clientSessionId"), "cs");
-  EXPECT_EQ(recorder->appId(), "app");
 
   recorder->setUId(std::nullopt);
   recorder->connectState(2, 1);
@@ -165,7 +161,6 @@ TEST_F(RecorderTest, SessionIdentifiers) {
   recorder->joinChannel(0, "c1", 0);
   auto joined = lastEvent().at("channelSessionId").as_string();
   EXPECT_TRUE(std::regex_match(joined.c_str(), upperUuid));
-  EXPECT_EQ(recorder->channelId(), "c1");
   recorder->leaveChannel(0, "c1", 0);
   EXPECT_EQ(lastEvent().at("channelSessionId"), joined);
   recorder->joinChannel(0, "c2", 0);
@@ -207,16 +202,6 @@ TEST_F(RecorderTest, ElapsedTimesFollowTheStoredStarts) {
   EXPECT_EQ(login.at("elapsedInfo").at("connectServer"), recorder->tsConnectServer.load());
 }
 
-TEST_F(RecorderTest, UnwritableTextProducesNoRecord) {
-  recorder->setUId(std::string("\xff\xfe"));
-  recorder->connectState(1, 6);
-  recorder->setUId(std::string("ok"));
-  recorder->connectState(1, 6);
-  auto all = records();
-  ASSERT_EQ(all.size(), 1u);
-  EXPECT_EQ(all[0].event.at("uid"), "ok");
-}
-
 TEST_F(RecorderTest, LogServerSetsTheUploadAddress) {
   const auto& uploader = recorder->collectManager()->loganUploader();
   // The development server the recorder falls back to is a build setting.
@@ -226,7 +211,7 @@ TEST_F(RecorderTest, LogServerSetsTheUploadAddress) {
   EXPECT_EQ(uploader->urlString(), "https://dc.example.org/brl/v1/collect-logan");
   recorder->setLogServer(std::nullopt);
   EXPECT_EQ(uploader->urlString(), fallback);
-  // The recorder's upload timer is armed with the one-minute interval.
+  // The recorder's upload timer is armed with the one-minute interval; sent files are backed up.
   EXPECT_EQ(clock->next_deadline() - clock->now(), std::chrono::seconds(60));
   EXPECT_TRUE(recorder->collectManager()->isBackup());
 }

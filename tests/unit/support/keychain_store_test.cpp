@@ -53,10 +53,12 @@ mode_t modeOf(const fs::path& p) {
 
 }  // namespace
 
-TEST_F(FileStoreTest, StoresReadsReplacesAndDeletes) {
+TEST_F(FileStoreTest, StoresReadsReplacesAndDeletesInAPrivateFile) {
   EXPECT_TRUE(QNKeyChainStore::setString("first", "k"));
   EXPECT_TRUE(QNKeyChainStore::setString("second \xC3\xA9", "k"));
   EXPECT_EQ(QNKeyChainStore::stringForKey("k"), "second \xC3\xA9");
+  EXPECT_EQ(modeOf(file), 0600u);
+  EXPECT_EQ(modeOf(file.parent_path()), 0700u);
   EXPECT_TRUE(QNKeyChainStore::deleteKey("k"));
 
   CaptureStdout();
@@ -65,15 +67,8 @@ TEST_F(FileStoreTest, StoresReadsReplacesAndDeletes) {
   EXPECT_EQ(GetCapturedStdout(),
             "SecItemCopyMatching error, status: 3 00000003      \n"
             "SecItemDelete error, status: 3 00000003      \n");
-}
 
-TEST_F(FileStoreTest, FileIsPrivateToItsOwner) {
-  ASSERT_TRUE(QNKeyChainStore::setString("v", "k"));
-  EXPECT_EQ(modeOf(file), 0600u);
-  EXPECT_EQ(modeOf(file.parent_path()), 0700u);
-}
-
-TEST_F(FileStoreTest, ServicesKeepSeparateItemsAndTheEmptyServiceIsAName) {
+  // Services keep separate items, and the empty service is a name like any other.
   QNKeyChainStore::setDefaultService("");
   ASSERT_TRUE(QNKeyChainStore::setString("nameless", "k"));
   QNKeyChainStore::setDefaultService("other");
@@ -109,18 +104,15 @@ TEST_F(FileStoreTest, StatusIsShownAsNumberHexAndFourCharacters) {
             "SecItemCopyMatching error, status: 24 00000018      \n");
 }
 
-TEST_F(FileStoreTest, DeviceIdentifierIsCreatedOnceAndSurvivesALaterProcess) {
-  CaptureStdout();
+TEST_F(FileStoreTest, DeviceIdentifierSurvivesALaterProcessButIsFreshEachTimeWhenTheStoreFails) {
+  CaptureStdout();  // the first read reports the missing item
   auto id = QNUUIDHelper::uuidForDevice();
-  GetCapturedStdout();  // the first read reports the missing item
+  GetCapturedStdout();
   EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
-  // A later process opens the same file afresh.
-  QNKeyChainStore::setBackend(fileBackend(file));
+  QNKeyChainStore::setBackend(fileBackend(file));  // a later process opens the same file afresh
   EXPECT_EQ(QNUUIDHelper::uuidForDevice(), id);
   EXPECT_EQ(QNKeyChainStore::stringForKey("com.qn.device.uuid"), id);
-}
 
-TEST_F(FileStoreTest, DeviceIdentifierIsFreshEachTimeWhenTheStoreFails) {
   QNKeyChainStore::setBackend(std::make_shared<FixedStatus>(2));
   CaptureStdout();
   auto a = QNUUIDHelper::uuidForDevice();
@@ -134,9 +126,10 @@ TEST(QNUUIDHelper, UuidIsThirtyTwoLowerCaseHexCharacters) {
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) {
     auto id = QNUUIDHelper::uuid();
-    ASSERT_EQ(id.size(), 32u);
-    EXPECT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos) << id;
-    EXPECT_EQ(id[12], '4');  // version 4
+    // Version 4, no dashes, all distinct.
+    EXPECT_TRUE(id.size() == 32 && id[12] == '4' &&
+                id.find_first_not_of("0123456789abcdef") == std::string::npos)
+        << id;
     seen.insert(id);
   }
   EXPECT_EQ(seen.size(), 100u);
