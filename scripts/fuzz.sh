@@ -5,10 +5,12 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-120}
 cd "$root"
 cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz -j"$(nproc)"
-for target in build/fuzz/tests/fuzz_*; do
-  [[ -x $target ]] || continue
-  name=$(basename "$target")
+names=()
+for src in tests/fuzz/*.cpp; do names+=("$(basename "$src" .cpp)"); done
+# Only the fuzz targets: they link the Socket.IO layer alone.
+cmake --build --preset fuzz -j"$(nproc)" --target "${names[@]}"
+for name in "${names[@]}"; do
+  target=build/fuzz/tests/$name
   corpus=$(mktemp -d)
   seeds=tests/fuzz/corpus/${name#fuzz_}
   echo "fuzzing $name for ${seconds}s"

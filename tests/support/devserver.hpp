@@ -25,6 +25,7 @@
 // TLS: the servers use tests/data/tls/server.pem, signed by tests/data/tls/ca.pem (point SSL_CERT_FILE
 // at testCaFile() to trust it); DevServerOptions::untrustedCert serves a certificate of another CA.
 #include <boost/json.hpp>
+#include <gtest/gtest.h>
 
 #include <sys/types.h>
 
@@ -350,6 +351,21 @@ class PythonServer {
  private:
   ControlledProcess process_;
   std::string url_;
+};
+
+// A fixture whose suite shares one dev server (default options), reset before each test.
+class DevServerSuite : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { server_ = new DevServer(); }
+  static void TearDownTestSuite() {
+    delete server_;
+    server_ = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(server_->ready());
+    ASSERT_TRUE(server_->reset());
+  }
+  static inline DevServer* server_ = nullptr;
 };
 
 }  // namespace testing_support

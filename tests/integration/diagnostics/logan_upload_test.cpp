@@ -24,21 +24,15 @@ std::string text(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
-class UploadTest : public ::testing::Test {
+class UploadTest : public DevServerSuite {
  protected:
-  static void SetUpTestSuite() { server = new DevServer(); }
-  static void TearDownTestSuite() {
-    delete server;
-    server = nullptr;
-  }
   void SetUp() override {
-    ASSERT_TRUE(server->ready());
-    server->reset();
+    DevServerSuite::SetUp();
     sio::Clock::install(clock);
   }
   void TearDown() override { sio::Clock::install(nullptr); }
 
-  std::string collectUrl() const { return server->httpUrl() + "/brl/v1/collect-logan"; }
+  std::string collectUrl() const { return server_->httpUrl() + "/brl/v1/collect-logan"; }
 
   static std::future<bool> startUpload(QNLoganUploader& uploader, const std::string& path) {
     auto verdict = std::make_shared<std::promise<bool>>();
@@ -52,11 +46,9 @@ class UploadTest : public ::testing::Test {
     return future.get();
   }
 
-  static DevServer* server;
   std::shared_ptr<sio::ManualClock> clock = std::make_shared<sio::ManualClock>();
   TempDir tmp;
 };
-DevServer* UploadTest::server = nullptr;
 
 }  // namespace
 
@@ -69,7 +61,7 @@ TEST_F(UploadTest, SendsTheWholeFileAndOnlyA204Counts) {
   std::ofstream(path, std::ios::binary) << content;
 
   EXPECT_EQ(upload(*uploader, path), true);
-  auto uploads = server->uploads(true);
+  auto uploads = server_->uploads(true);
   ASSERT_EQ(uploads.size(), 1u);
   EXPECT_EQ(uploads[0].request.method, "POST");
   EXPECT_EQ(uploads[0].request.path, "/brl/v1/collect-logan");
@@ -78,7 +70,7 @@ TEST_F(UploadTest, SendsTheWholeFileAndOnlyA204Counts) {
 
   for (int status : {200, 500, 404}) {
     SCOPED_TRACE(status);
-    server->scriptCollection(CollectionAnswer().status(status).times(1));
+    server_->scriptCollection(CollectionAnswer().status(status).times(1));
     EXPECT_EQ(upload(*uploader, path), false);
     EXPECT_FALSE(uploader->isUploading());
   }
@@ -88,12 +80,12 @@ TEST_F(UploadTest, SendsTheWholeFileAndOnlyA204Counts) {
 }
 
 TEST_F(UploadTest, OneUploadInFlightAndAStallEndsAfterThirtySeconds) {
-  server->scriptCollection(CollectionAnswer().stall().times(1));
+  server_->scriptCollection(CollectionAnswer().stall().times(1));
   auto uploader = QNLoganUploader::create(collectUrl());
   auto path = (tmp.path() / "f").string();
   std::ofstream(path) << "x\n";
   auto future = startUpload(*uploader, path);
-  ASSERT_TRUE(waitUntil([&] { return server->uploads().size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return server_->uploads().size() == 1; }));
   EXPECT_TRUE(uploader->isUploading());
 
   std::atomic<int> secondCalls = 0;
@@ -107,7 +99,7 @@ TEST_F(UploadTest, OneUploadInFlightAndAStallEndsAfterThirtySeconds) {
   EXPECT_FALSE(future.get());
   EXPECT_FALSE(uploader->isUploading());
   EXPECT_EQ(secondCalls, 0);
-  EXPECT_EQ(server->uploads().size(), 1u);
+  EXPECT_EQ(server_->uploads().size(), 1u);
 }
 
 TEST_F(UploadTest, NothingIsLostWhileTheEndpointFails) {
@@ -121,7 +113,7 @@ TEST_F(UploadTest, NothingIsLostWhileTheEndpointFails) {
   // Each tick: the oldest file is sent; the test waits until the answer has been dealt with.
   auto tick = [&](std::size_t expectedUploads) {
     clock->advance(60s);
-    ASSERT_TRUE(waitUntil([&] { return server->uploads().size() == expectedUploads; }));
+    ASSERT_TRUE(waitUntil([&] { return server_->uploads().size() == expectedUploads; }));
     ASSERT_TRUE(waitUntil([&] { return !uploader->isUploading(); }));
     uploader->queue()->sync([] {});
   };
@@ -132,22 +124,22 @@ TEST_F(UploadTest, NothingIsLostWhileTheEndpointFails) {
     return false;
   };
 
-  server->scriptCollection(CollectionAnswer().status(200));
+  server_->scriptCollection(CollectionAnswer().status(200));
   tick(1);
   tick(2);
-  auto uploads = server->uploads();
+  auto uploads = server_->uploads();
   EXPECT_EQ(uploads[0].body, uploads[1].body);  // the same oldest file, offered again
   EXPECT_TRUE(fs::is_empty(tmp.path() / "logan_bak"));
 
   // Once the endpoint accepts, every record arrives exactly once and in order. How many files that
   // takes depends on whether close-offs fell within one second (the later rename then fails and the
   // records stay in the working file).
-  server->scriptCollection(CollectionAnswer().status(204));
+  server_->scriptCollection(CollectionAnswer().status(204));
   std::string received;
   std::size_t sent = 2;
   while (somethingWaits() && sent < 10) {
     tick(++sent);
-    received += text(server->uploads().back().body);
+    received += text(server_->uploads().back().body);
   }
   std::string expected;
   for (int i = 0; i < 250; ++i) expected += "record " + std::to_string(i) + "\n";

@@ -10,18 +10,8 @@ namespace {
 
 bool startsWith(const std::string& s, std::string_view prefix) { return s.rfind(prefix, 0) == 0; }
 
-class SocketIo : public ::testing::Test {
+class SocketIo : public DevServerSuite {
  protected:
-  static void SetUpTestSuite() {
-    server_ = new DevServer(DevServerOptions{});
-    ASSERT_TRUE(server_->ready());
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
-  void SetUp() override { ASSERT_TRUE(server_->reset()); }
-
   static std::unique_ptr<Session> open(const std::string& url, sio::Options options = {}) {
     return std::make_unique<Session>(url, std::move(options),
                                      std::initializer_list<const char*>{"connect", "disconnect", "pushed"});
@@ -32,10 +22,7 @@ class SocketIo : public ::testing::Test {
     EXPECT_TRUE(s->recorder().waitFor("connect")) << json::serialize(json::value_from(s->recorder().disconnects()));
     return s;
   }
-
-  static DevServer* server_;
 };
-DevServer* SocketIo::server_ = nullptr;
 
 TEST_F(SocketIo, QueryArrivesIntactAndTheSocketIdIsTheServers) {
   sio::Options o;

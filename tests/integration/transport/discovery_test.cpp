@@ -53,39 +53,27 @@ std::future<GetResult> get(const std::string& url) {
   return got->get_future();
 }
 
-class DiscoveryTest : public ::testing::Test {
+class DiscoveryTest : public DevServerSuite {
  protected:
-  static void SetUpTestSuite() { server = new DevServer(); }
-  static void TearDownTestSuite() {
-    delete server;
-    server = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(server->ready());
-    server->reset();
-  }
   void TearDown() override { sio::Clock::install(nullptr); }
-
-  static DevServer* server;
 };
-DevServer* DiscoveryTest::server = nullptr;
 
 }  // namespace
 
 TEST_F(DiscoveryTest, GoodListInTheServersOrder) {
-  server->scriptDiscovery(
+  server_->scriptDiscovery(
       DiscoveryAnswer().servers({"http://b.example.com", "http://a.example.com"}).times(1));
-  EXPECT_EQ(discover(server->httpUrl(), "app-1"),
+  EXPECT_EQ(discover(server_->httpUrl(), "app-1"),
             (std::vector<std::string>{"http://b.example.com", "http://a.example.com"}));
-  auto requests = server->discoveryRequests();
+  auto requests = server_->discoveryRequests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].method, "GET");
   EXPECT_EQ(requests[0].rawQuery, "appId=app-1");
   EXPECT_EQ(requests[0].headers.at("content-type"), "application/json");
 
   // The default answer lists the dev server's own tavern servers; the HTTP status is not looked at.
-  server->scriptDiscovery(DiscoveryAnswer().status(500));
-  EXPECT_EQ(discover(server->httpUrl(), "app-1"), server->tavernUrls());
+  server_->scriptDiscovery(DiscoveryAnswer().status(500));
+  EXPECT_EQ(discover(server_->httpUrl(), "app-1"), server_->tavernUrls());
 }
 
 TEST_F(DiscoveryTest, EveryFailureEndsInNone) {
@@ -103,21 +91,21 @@ TEST_F(DiscoveryTest, EveryFailureEndsInNone) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    server->scriptDiscovery(c.answer);
-    EXPECT_EQ(discover(server->httpUrl(), "app"), std::nullopt);
+    server_->scriptDiscovery(c.answer);
+    EXPECT_EQ(discover(server_->httpUrl(), "app"), std::nullopt);
   }
   EXPECT_EQ(discover("http://127.0.0.1:1", "app"), std::nullopt);  // nothing listens there
   EXPECT_EQ(discover("not a url", "app"), std::nullopt);
   // The app id is joined unescaped; one that breaks the URL fails like any other error.
-  EXPECT_EQ(discover(server->httpUrl(), "an app"), std::nullopt);
+  EXPECT_EQ(discover(server_->httpUrl(), "an app"), std::nullopt);
 }
 
 TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
   auto clock = std::make_shared<sio::ManualClock>();
   sio::Clock::install(clock);
-  server->scriptDiscovery(DiscoveryAnswer().after(60s));
-  auto future = startDiscovery(server->httpUrl(), "app");
-  ASSERT_TRUE(waitUntil([&] { return server->discoveryRequests().size() == 1; }));
+  server_->scriptDiscovery(DiscoveryAnswer().after(60s));
+  auto future = startDiscovery(server_->httpUrl(), "app");
+  ASSERT_TRUE(waitUntil([&] { return server_->discoveryRequests().size() == 1; }));
   clock->advance(5999ms);
   EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
   clock->advance(1ms);
@@ -125,7 +113,7 @@ TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
   EXPECT_EQ(future.get(), std::nullopt);
 
   // A port that accepts and never answers is ended the same way.
-  auto gotFuture = get(server->blackholeUrl() + "/x");
+  auto gotFuture = get(server_->blackholeUrl() + "/x");
   ASSERT_TRUE(waitUntil([&] { return clock->pending() > 0; }));
   clock->advance(6s);
   ASSERT_EQ(gotFuture.wait_for(10s), std::future_status::ready);
@@ -135,8 +123,8 @@ TEST_F(DiscoveryTest, SilentServerTimesOutAfterSixSeconds) {
 }
 
 TEST_F(DiscoveryTest, HttpsIsVerifiedAgainstTheTrustedCa) {
-  EXPECT_EQ(discover(server->httpsUrl(), "app"), server->tavernUrls());
-  auto requests = server->discoveryRequests();
+  EXPECT_EQ(discover(server_->httpsUrl(), "app"), server_->tavernUrls());
+  auto requests = server_->discoveryRequests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_TRUE(requests[0].tls);
 

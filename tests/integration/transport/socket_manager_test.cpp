@@ -55,18 +55,10 @@ json::object tavernConfig() {
            json::object{{"app", "tavern"}, {"roomId", "app1"}, {"token", R"({"token":"t+/=","userId":"u1"})"}}}};
 }
 
-class SocketManager : public ::testing::Test {
+class SocketManager : public DevServerSuite {
  protected:
-  static void SetUpTestSuite() {
-    server_ = new DevServer(DevServerOptions{});
-    ASSERT_TRUE(server_->ready());
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
   void SetUp() override {
-    ASSERT_TRUE(server_->reset());
+    DevServerSuite::SetUp();
     manager_->setMessageDelegate(listener_.delegate);
     manager_->setDelegate(delegate_);
     delegate_->onSocketChange = [this](QNSocketManager&, const std::shared_ptr<sio::Socket>& s) {
@@ -87,7 +79,6 @@ class SocketManager : public ::testing::Test {
     }));
   }
 
-  static DevServer* server_;
   Listener listener_;
   std::shared_ptr<QNSocketManagerDelegate> delegate_ = std::make_shared<QNSocketManagerDelegate>();
   std::mutex mutex_;
@@ -96,7 +87,6 @@ class SocketManager : public ::testing::Test {
   // Last, so it goes first: its connection is down before what its handlers touch is destroyed.
   std::shared_ptr<QNSocketManager> manager_ = QNSocketManager::create();
 };
-DevServer* SocketManager::server_ = nullptr;
 
 TEST_F(SocketManager, ConfigurationBecomesTheConnectionQuery) {
   connectTo(0);
