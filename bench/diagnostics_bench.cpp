@@ -1,5 +1,6 @@
 // Costs of the diagnostics on the caller's thread, and the file store's write rate. Each figure is the
 // median of 5 rounds; the two per-call costs that run side by side are measured alternately.
+#include "benchmarks.hpp"
 #include "diagnostics/log.hpp"
 #include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_manager.hpp"
@@ -62,8 +63,9 @@ void runDiagnosticsBenchmarks(std::ostream& out) {
   testing_support::TempDir tmp;
   QuietStderr quiet;
 
+  const auto& settings = benchSettings();
   // A filtered-out message: one comparison, nothing formatted.
-  {
+  if (settings.selected("qnlog_info_filtered")) {
     qnbrl::QNLog log((tmp.path() / "filtered.log").string());
     constexpr int kCalls = 2'000'000;
     std::vector<double> ns;
@@ -74,7 +76,7 @@ void runDiagnosticsBenchmarks(std::ostream& out) {
   }
 
   // An enabled info line and one telemetry record, alternating round by round.
-  {
+  if (settings.selected("qnlog_info_enabled") || settings.selected("telemetry_record")) {
     qnbrl::QNLog log((tmp.path() / "enabled.log").string());
     log.setLogFilter(1);
     qnbrl::LoganManager recorder((tmp.path() / "logan").string(), "bench-device");
@@ -98,7 +100,7 @@ void runDiagnosticsBenchmarks(std::ostream& out) {
   }
 
   // Record lines through the file store, including its rotations and their flushes.
-  {
+  if (settings.selected("file_store_records")) {
     auto store = qnbrl::QNLoganFileManager::create((tmp.path() / "store").string(), false);
     const std::string record(400, 'r');  // about the size of an enveloped event
     constexpr int kRecords = 20'000;
