@@ -481,7 +481,7 @@ void Engine::onText(std::string_view frame) {
       heartbeat_window_ = hs.value->ping_interval + hs.value->ping_timeout;
       max_payload_ = hs.value->max_payload;
       armHeartbeat();
-      transmit(encodeConnect(options_.auth ? &*options_.auth : nullptr));
+      transmit(encodeConnect());
       return;
     }
     case engine::Type::Ping:

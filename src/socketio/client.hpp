@@ -7,12 +7,10 @@
 #include "socketio/codec.hpp"
 
 #include <boost/asio/any_io_executor.hpp>
-#include <boost/json/object.hpp>
 
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,7 +23,6 @@ struct Options {
   // Sent as the connection URL's query, in this order, before EIO and transport.
   std::vector<std::pair<std::string, std::string>> query;
   std::string path = "/socket.io/";
-  std::optional<boost::json::object> auth;
   // Inbound messages above this size close the connection (1009).
   std::size_t max_message_size = 100u * 1024u * 1024u;
 };

@@ -1,6 +1,7 @@
 #include "support/queues.hpp"
 
 #include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
@@ -43,7 +44,6 @@ Main& main_loop() {
 
 }  // namespace
 
-boost::asio::io_context& MainQueue::context() { return main_loop().ioc; }
 boost::asio::any_io_executor MainQueue::executor() { return main_loop().ioc.get_executor(); }
 bool MainQueue::isCurrent() { return std::this_thread::get_id() == main_loop().thread_id; }
 void MainQueue::async(std::function<void()> fn) { boost::asio::post(main_loop().ioc, std::move(fn)); }

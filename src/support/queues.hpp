@@ -3,7 +3,6 @@
 // socket I/O, time-outs, completions and delegate calls. Serial queues run tasks one at a time, in
 // order, on a small shared pool, so ten thousand clients do not mean ten thousand threads.
 #include <boost/asio/any_io_executor.hpp>
-#include <boost/asio/io_context.hpp>
 
 #include <deque>
 #include <functional>
@@ -15,7 +14,6 @@ namespace qnbrl {
 
 class MainQueue {
  public:
-  static boost::asio::io_context& context();
   static boost::asio::any_io_executor executor();
   static bool isCurrent();
   static void async(std::function<void()> fn);
