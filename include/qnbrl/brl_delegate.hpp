@@ -1,0 +1,21 @@
+#pragma once
+// What the client tells the application. Every member is optional: an empty one is a callback the
+// application does not implement, and the event is dropped. Callbacks run on the library's main
+// queue, except the login-started change, which runs on the thread that called loginByToken.
+#include "qnbrl/brl_types.hpp"
+
+#include <functional>
+
+namespace qnbrl {
+
+class QNBRLKit;
+
+struct QNBRLDelegate {
+  std::function<void(QNBRLKit& kit, QNBRLConnectionState state, QNBRLConnectionChangeReason reason)>
+      connectionStateChanged;
+  // The server ended the live session because the token expired. Reconnection goes on with the old
+  // credentials until the application calls renewToken.
+  std::function<void(QNBRLKit& kit)> tokenDidExpire;
+};
+
+}  // namespace qnbrl

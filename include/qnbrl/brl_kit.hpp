@@ -1,0 +1,61 @@
+#pragma once
+// The one object an application creates to use the signalling service. Every operation may be called
+// from any thread; none throws. Completions and delegate callbacks never run under a library lock, so
+// they may call back into the client, destroy it included.
+#include "qnbrl/brl_delegate.hpp"
+#include "qnbrl/brl_options.hpp"
+#include "qnbrl/brl_types.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace qnbrl {
+
+class QNBRLKit : public std::enable_shared_from_this<QNBRLKit> {
+ public:
+  using Completion = std::function<void(int code)>;
+  using TokenCompletion = std::function<void(const std::string& token, int code)>;
+
+  // Null when the API or log server of the options is not an http(s) URL of a host name or dotted
+  // IPv4 address with an optional port. The delegate is held weakly. Nothing is sent before login.
+  static std::shared_ptr<QNBRLKit> create(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate,
+                                          const QNBRLOptions& options = {});
+  // Drops queued work; no completion or delegate callback runs afterwards. Never waits for the
+  // network.
+  ~QNBRLKit();
+  QNBRLKit(const QNBRLKit&) = delete;
+  QNBRLKit& operator=(const QNBRLKit&) = delete;
+
+  // "sdkVersion/<name>-<version>-<build>".
+  static std::string getSDKVersion();
+  // A JSON object text: {"loginArguments": {"userId", "token", "timestamp"}, "tavernSocket":
+  // {"apiServer", "tavernServer", "connectionId"}, "sdkVersion"}; absent values are left out.
+  std::string getDebugInfo() const;
+  // The diagnostic log: its file, and its filter (0 silent, 1 info and up, 2 warnings and up, 4
+  // errors and up, 8 critical).
+  void setLogFile(const std::string& path);
+  void setLogFilters(std::int64_t filter);
+  // Reserved; changes nothing and returns 0.
+  int setParameters(const std::string& parameters);
+
+  // Codes: QNBRLLoginErrorCode. 3 and 8 are given at once on the calling thread, every other code
+  // later on the main queue.
+  void loginByToken(const std::string& token, std::int64_t timeStamp, const std::string& userId,
+                    Completion completion);
+  // Sends nothing to the server: closes the connection and forgets the session. 0, or 102 when not
+  // logged in.
+  void logoutWithCompletion(Completion completion);
+  // New credentials for the next connection: 0, 2 for a token that is not 32 non-space characters,
+  // 102 when not logged in. Called on the calling thread.
+  void renewToken(const std::string& token, std::int64_t timeStamp, TokenCompletion completion);
+
+  struct Impl;
+
+ private:
+  explicit QNBRLKit(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qnbrl
