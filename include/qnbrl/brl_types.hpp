@@ -24,15 +24,15 @@ enum class QNBRLConnectionChangeReason : int {
 // Codes given to the login completion.
 enum QNBRLLoginErrorCode : int {
   QNBRLLoginErrorOk = 0,
-  QNBRLLoginErrorUnknown = 1,          // refused for a reason not listed below
+  QNBRLLoginErrorUnknown = 1,  // refused for a reason not listed below
   QNBRLLoginErrorAppForbidden = 2,
   QNBRLLoginErrorInvalidArgument = 3,  // the user id fails the ID pattern, or the server said so
   QNBRLLoginErrorInvalidAppId = 4,
   QNBRLLoginErrorInvalidToken = 5,
   QNBRLLoginErrorTokenExpired = 6,
   QNBRLLoginErrorAuthFail = 7,
-  QNBRLLoginErrorAlreadyLogin = 8,     // logged in already, or a login is connecting
-  QNBRLLoginErrorTimeout = 9,          // no tavern server, or the last one did not answer in time
+  QNBRLLoginErrorAlreadyLogin = 8,  // logged in already, or a login is connecting
+  QNBRLLoginErrorTimeout = 9,       // no tavern server, or the last one did not answer in time
 };
 
 // Shared by every request operation.

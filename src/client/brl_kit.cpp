@@ -1,0 +1,77 @@
+#include "client/kit_impl.hpp"
+#include "diagnostics/log.hpp"
+#include "diagnostics/logan_manager.hpp"
+#include "diagnostics/sdk_version.hpp"
+#include "support/json.hpp"
+#include "support/text.hpp"
+#include "transport/api_manager.hpp"
+
+namespace qnbrl {
+
+void noteThrowingCallback() {
+  QNLog::shared().error("an application callback threw; ignored");
+}
+
+bool isValidId(std::string_view id) {
+  return match(id, R"(^[a-zA-Z0-9!#$%&()+\-:;<=.>?@\[\\\]^_{}|~,\s]{1,64}$)");
+}
+
+QNBRLKit::Impl::Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer)
+    : delegate(std::move(delegate)),
+      stateManager(std::make_shared<QNBRLStateManager>(appId)),
+      queue(SerialQueue::create("com.qn.brl.kit")),
+      apiServer(std::move(apiServer)),
+      socketManager(QNSocketManager::create()) {}
+
+void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
+                                 QNBRLConnectionChangeReason reason, bool telemetry) {
+  auto listener = delegate.lock();
+  if (!listener || !listener->connectionStateChanged) return;
+  callApplication(listener->connectionStateChanged, kit, state, reason);
+  if (telemetry)
+    LoganManager::sharedInstance().connectState(static_cast<int>(state), static_cast<int>(reason));
+}
+
+std::shared_ptr<QNBRLKit> QNBRLKit::create(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate,
+                                           const QNBRLOptions& options) {
+  auto& logan = LoganManager::sharedInstance();
+  logan.setAppId(appId);
+  auto apiServer = options.envConfig.apiServer.value_or(QNApiManager::apiServer());
+  auto logServer = options.envConfig.logServer.value_or(QNApiManager::logServer());
+  if (!isValidApiServer(apiServer) || !isValidApiServer(logServer)) return nullptr;
+  std::shared_ptr<QNBRLKit> kit(new QNBRLKit(std::make_unique<Impl>(appId, std::move(delegate), apiServer)));
+  kit->impl_->bind(kit);
+  kit->impl_->debugInfo.getApiServer(apiServer);
+  logan.setLogServer(logServer);
+  return kit;
+}
+
+QNBRLKit::QNBRLKit(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+QNBRLKit::~QNBRLKit() {
+  impl_->queue->cancelPending();
+  // The socket's callbacks hold the kit weakly; they find it gone from here on.
+  impl_->socketManager->destroy();
+}
+
+std::string QNBRLKit::getSDKVersion() {
+  return sdkVersionText();
+}
+
+std::string QNBRLKit::getDebugInfo() const {
+  return jsonString(impl_->debugInfo.dictionary()).value_or("{}");
+}
+
+void QNBRLKit::setLogFile(const std::string& path) {
+  QNLog::shared().setLogFilePath(path);
+}
+
+void QNBRLKit::setLogFilters(std::int64_t filter) {
+  QNLog::shared().setLogFilter(filter);
+}
+
+int QNBRLKit::setParameters(const std::string&) {
+  return 0;
+}
+
+}  // namespace qnbrl

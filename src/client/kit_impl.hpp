@@ -1,0 +1,95 @@
+#pragma once
+// The client's session: its records, its socket and the connection state machine. Socket events,
+// acknowledgements and the second half of login run on the main queue; the serial work queue runs
+// discovery and the reconnection pauses; public calls may come from any thread. The plain fields
+// below are guarded by `mutex`, which is never held while calling the socket layer or the
+// application.
+#include "client/debug_info.hpp"
+#include "client/state_helper.hpp"
+#include "client/state_manager.hpp"
+#include "qnbrl/brl_kit.hpp"
+#include "support/queues.hpp"
+#include "transport/socket_manager.hpp"
+
+#include <boost/json/object.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qnbrl {
+
+struct QNBRLKit::Impl {
+  Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer);
+
+  // Installs the socket delegates; called once the owning kit exists.
+  void bind(const std::shared_ptr<QNBRLKit>& kit);
+
+  // Tells the delegate, if it listens; the telemetry pair is written only then.
+  void reportState(QNBRLKit& kit, QNBRLConnectionState state, QNBRLConnectionChangeReason reason,
+                   bool telemetry);
+
+  // Login, logout.
+  void loginWithConfig(QNBRLKit& kit, const boost::json::object& config, Completion completion);
+  void cleanResourcesAfterLogout();
+
+  // Connection events.
+  void onConnectTimeout(QNBRLKit& kit);
+  void onSocketChange();
+  void onDisconnectReason(const sio::Payload& data);
+  void onDisconnect(QNBRLKit& kit, const sio::Payload& data);
+  void onLoginSuccess(QNBRLKit& kit, const sio::Payload& data);
+  void reconnect();
+  void reconnectAfterPause(QNBRLKit& kit);
+  void rebuildSocketManagerWithConfig(const boost::json::object& config, bool connect);
+  // Opens the socket of tavernServers[index] with the current socket's configuration.
+  void failOver(std::size_t index);
+
+  // Completes and clears the pending login, if any.
+  void finishLogin(int code);
+
+  std::weak_ptr<QNBRLKit> owner;
+  const std::weak_ptr<QNBRLDelegate> delegate;
+  const std::shared_ptr<QNBRLStateManager> stateManager;
+  QNBRLStateHelper stateHelper;
+  const std::shared_ptr<SerialQueue> queue;
+  const std::string apiServer;
+  QNBRLDebugInfo debugInfo;
+  const std::shared_ptr<QNSocketManager> socketManager;
+  std::shared_ptr<QNSocketManagerDelegate> socketDelegate;
+  std::shared_ptr<QNSocketMessageDelegate> messageDelegate;
+
+  // Makes login's check-and-set of the connecting state one step for concurrent callers.
+  std::mutex loginGate;
+
+  mutable std::mutex mutex;
+  std::vector<std::string> tavernServers;
+  Completion loginBlcok;
+  std::int64_t disconnectReason = 0;
+  std::int64_t loginError = 0;
+  std::int32_t connectIndex = 0;
+  std::int64_t lastTavernServerIndex = 0;
+  // The text of the last "disconnectReason", consumed by the "disconnect" that follows it.
+  std::string serverReason;
+};
+
+void noteThrowingCallback();
+
+// Runs an application callback; one that throws is logged and otherwise ignored.
+template <class F, class... Args>
+void callApplication(const F& f, Args&&... args) {
+  if (!f) return;
+  try {
+    f(std::forward<Args>(args)...);
+  } catch (...) {
+    noteThrowingCallback();
+  }
+}
+
+// 1 to 64 characters: ASCII letters, digits, white space and the listed punctuation.
+bool isValidId(std::string_view id);
+
+}  // namespace qnbrl

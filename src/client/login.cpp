@@ -1,0 +1,145 @@
+#include "client/kit_impl.hpp"
+#include "diagnostics/log.hpp"
+#include "diagnostics/logan_manager.hpp"
+#include "support/text.hpp"
+#include "transport/api_helper.hpp"
+
+namespace qnbrl {
+
+void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, const std::string& userId,
+                            Completion completion) {
+  auto& logan = LoganManager::sharedInstance();
+  logan.setUId(userId);
+  logan.startLogan(token, userId, timeStamp);
+
+  auto& impl = *impl_;
+  boost::json::object config;
+  {
+    std::lock_guard gate(impl.loginGate);
+    auto code = impl.stateManager->login() || impl.stateManager->state() == 2 ? QNBRLLoginErrorAlreadyLogin
+                : !isValidId(userId)                                          ? QNBRLLoginErrorInvalidArgument
+                                                                              : QNBRLLoginErrorOk;
+    if (code != QNBRLLoginErrorOk) {
+      logan.loginResult(0, code);
+      callApplication(completion, code);
+      return;
+    }
+    impl.debugInfo.loginWithToken(token, userId, timeStamp);
+    impl.stateHelper.loginParams().loginWithToken(token, impl.stateManager->appId(), userId, timeStamp);
+    config = impl.stateHelper.loginParams().generateSocketConfig().value_or(boost::json::object{});
+    impl.stateManager->setState(2);
+    impl.stateManager->setUserId(userId);
+  }
+  QNLog::shared().info("socket config: %@", config);
+  {
+    std::lock_guard lock(impl.mutex);
+    impl.lastTavernServerIndex = 0;
+  }
+
+  // Discovery holds the work queue until its answer, so a logout queued behind it waits for it.
+  impl.queue->asyncWaiting([weak = weak_from_this(), config = std::move(config),
+                            completion = std::move(completion)](std::function<void()> done) mutable {
+    auto kit = weak.lock();
+    if (!kit) return done();
+    auto& logan = LoganManager::sharedInstance();
+    auto started = currentTimeStamp();
+    logan.tsGetServers = started;
+    QNApiHelper::apiServer(kit->impl_->apiServer, kit->impl_->stateManager->appId(),
+                           [weak, started, config = std::move(config), completion = std::move(completion),
+                            done = std::move(done)](std::optional<std::vector<std::string>> servers) mutable {
+                             if (auto kit = weak.lock()) {
+                               LoganManager::sharedInstance().tsGetServers = currentTimeStamp() - started;
+                               auto list = servers.value_or(std::vector<std::string>{});
+                               {
+                                 std::lock_guard lock(kit->impl_->mutex);
+                                 kit->impl_->tavernServers = list;
+                               }
+                               kit->impl_->debugInfo.getTavernServers(std::move(list));
+                               MainQueue::async([weak, config = std::move(config),
+                                                 completion = std::move(completion)]() mutable {
+                                 if (auto kit = weak.lock())
+                                   kit->impl_->loginWithConfig(*kit, config, std::move(completion));
+                               });
+                             }
+                             done();
+                           });
+  });
+
+  impl.reportState(*this, QNBRLConnectionState::Connecting, QNBRLConnectionChangeReason::LoginStarted, true);
+}
+
+void QNBRLKit::Impl::loginWithConfig(QNBRLKit&, const boost::json::object& config, Completion completion) {
+  std::string first;
+  {
+    std::lock_guard lock(mutex);
+    if (!tavernServers.empty()) {
+      first = tavernServers.front();
+      loginBlcok = std::move(completion);
+      loginError = QNBRLLoginErrorUnknown;
+      connectIndex = 0;
+    }
+  }
+  if (first.empty()) {
+    QNLog::shared().error("no tavernServer");
+    callApplication(completion, QNBRLLoginErrorTimeout);
+    LoganManager::sharedInstance().loginResult(0, QNBRLLoginErrorTimeout);
+    stateManager->setState(1);
+    return;
+  }
+  QNLog::shared().info("tavernServer: %@", first);
+  socketManager->createSocketWithUrl(first, config);
+  socketManager->connect();
+}
+
+void QNBRLKit::logoutWithCompletion(Completion completion) {
+  auto& logan = LoganManager::sharedInstance();
+  if (!impl_->stateManager->login()) {
+    callApplication(completion, QNBRLRequestNotLoggedIn);
+    logan.logout(0, QNBRLRequestNotLoggedIn);
+    return;
+  }
+  auto started = currentTimeStamp();
+  logan.tsLogout = started;
+  QNLog::shared().info("user logout");
+  // Through the work queue, so that it waits behind a discovery or a reconnection pause.
+  impl_->queue->asyncWaiting([weak = weak_from_this(), started,
+                              completion = std::move(completion)](std::function<void()> done) mutable {
+    MainQueue::async([weak, started, completion = std::move(completion), done = std::move(done)] {
+      if (auto kit = weak.lock()) {
+        kit->impl_->cleanResourcesAfterLogout();
+        callApplication(completion, QNBRLRequestOk);
+        auto& logan = LoganManager::sharedInstance();
+        logan.tsLogout = currentTimeStamp() - started;
+        logan.logout(1, 0);
+      }
+      done();
+    });
+  });
+}
+
+void QNBRLKit::Impl::cleanResourcesAfterLogout() {
+  {
+    std::lock_guard lock(mutex);
+    lastTavernServerIndex = 0;
+  }
+  stateManager->setLogin(false);
+  stateManager->setUserId("");
+  stateHelper.logout();
+  // Last: closing the socket reports (1, 6) to the delegate at once, and the application must then
+  // find the session already forgotten (it may log in again from that callback).
+  socketManager->destroy();
+}
+
+void QNBRLKit::renewToken(const std::string& token, std::int64_t timeStamp, TokenCompletion completion) {
+  auto& impl = *impl_;
+  if (!impl.stateManager->login()) return callApplication(completion, token, QNBRLRequestNotLoggedIn);
+  if (!match(token, R"(\S{32,32})")) return callApplication(completion, token, 2);
+  impl.stateHelper.loginParams().loginWithToken(token, impl.stateManager->appId(),
+                                                impl.stateManager->userId(), timeStamp);
+  auto config = impl.stateHelper.loginParams().generateSocketConfig().value_or(boost::json::object{});
+  impl.rebuildSocketManagerWithConfig(config, false);
+  QNLog::shared().info("renewtoken and set socket config: %@", config);
+  callApplication(completion, token, QNBRLRequestOk);
+}
+
+}  // namespace qnbrl

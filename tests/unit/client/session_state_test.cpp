@@ -1,0 +1,103 @@
+#include "client/debug_info.hpp"
+#include "client/kit_impl.hpp"
+#include "client/login_params.hpp"
+#include "client/state_helper.hpp"
+#include "support/text.hpp"
+
+#include <gtest/gtest.h>
+#include <boost/json/parse.hpp>
+
+namespace qnbrl {
+namespace {
+
+TEST(IdPattern, AcceptsTheListedCharactersUpTo64) {
+  EXPECT_TRUE(isValidId("a"));
+  EXPECT_TRUE(isValidId(std::string(64, 'x')));
+  EXPECT_TRUE(isValidId("Az09 !#$%&()+-:;<=.>?@[\\]^_{}|~,\t"));
+  EXPECT_FALSE(isValidId(""));
+  EXPECT_FALSE(isValidId(std::string(65, 'x')));
+  EXPECT_FALSE(isValidId("user*1"));
+  EXPECT_FALSE(isValidId("caf\xc3\xa9"));  // a non-ASCII letter
+  EXPECT_FALSE(isValidId("quote\"d"));
+  EXPECT_FALSE(isValidId(std::string("nul\0byte", 8)));
+}
+
+TEST(LoginParams, ConfigCarriesTheCredentialsAndAFreshConnectTime) {
+  QNBRLLoginParams params;
+  EXPECT_FALSE(params.generateSocketConfig());
+  params.loginWithToken("tok", "app-1", "alice", 1700000000123);
+  auto before = currentTimeStamp();
+  auto config = params.generateSocketConfig();
+  ASSERT_TRUE(config);
+  EXPECT_EQ(config->at("compress"), true);
+  EXPECT_EQ(config->at("forceWebsockets"), true);
+  auto& connect = config->at("connectParams").as_object();
+  EXPECT_EQ(connect.at("app"), "tavern");
+  EXPECT_EQ(connect.at("roomId"), "app-1");
+  auto token = boost::json::parse(connect.at("token").as_string()).as_object();
+  EXPECT_EQ(token.at("token"), "tok");
+  EXPECT_EQ(token.at("userId"), "alice");
+  EXPECT_EQ(token.at("timestamp").as_int64(), 1700000000123);
+  auto connectTime = token.at("connectTimeStamp").as_int64();
+  EXPECT_GE(connectTime, before);
+  EXPECT_LE(connectTime, currentTimeStamp());
+
+  params.renewToken("tok2", 5);
+  token = boost::json::parse(params.generateSocketConfig()->at("connectParams").at("token").as_string())
+              .as_object();
+  EXPECT_EQ(token.at("token"), "tok2");
+  EXPECT_EQ(token.at("timestamp").as_int64(), 5);
+  EXPECT_EQ(token.at("userId"), "alice");
+
+  params.logout();
+  EXPECT_FALSE(params.login());
+  EXPECT_FALSE(params.generateSocketConfig());
+}
+
+TEST(StateHelper, SubscriptionSetsCollapseDuplicatesAndEmptyAtLogout) {
+  QNBRLStateHelper helper;
+  helper.subscribeOnlineStatusOf({"a", "b"});
+  helper.subscribeOnlineStatusOf({"b", "c"});
+  helper.unsubscribeOnlineStatusOf({"b", "zz"});
+  EXPECT_EQ(helper.subscribedOnlineStatusPeerIds(), (std::set<std::string>{"a", "c"}));
+  helper.subscribeAttributesOf({"p", "p"});
+  helper.unsubscribeAttributesOf({"p"});
+  EXPECT_TRUE(helper.subscribedAttributesPeerIds().empty());
+  helper.subscribeAttributesOf({"q"});
+  helper.loginParams().loginWithToken("t", "app", "u", 1);
+
+  helper.logout();
+  EXPECT_TRUE(helper.subscribedOnlineStatusPeerIds().empty());
+  EXPECT_TRUE(helper.subscribedAttributesPeerIds().empty());
+  EXPECT_FALSE(helper.loginParams().login());
+}
+
+TEST(DebugInfo, ReportsOnlyPresentValuesAndForgetsTheLoginAtLogout) {
+  QNBRLDebugInfo info;
+  info.getApiServer("https://api.example.com");
+  info.getTavernServers({"http://a", "http://b"});
+  auto dict = info.dictionary();
+  EXPECT_EQ(dict.at("tavernSocket"), (boost::json::object{{"apiServer", "https://api.example.com"}}));
+  EXPECT_FALSE(dict.contains("loginArguments"));
+  // The short version, the middle part of the SDK version text.
+  auto version = std::string(dict.at("sdkVersion").as_string());
+  EXPECT_NE(QNBRLKit::getSDKVersion().find("-" + version + "-"), std::string::npos);
+
+  info.loginWithToken("tok", "alice", 1700000000123);
+  info.updateTavernServer("http://a");
+  info.getConnectionId("sid-1");
+  dict = info.dictionary();
+  EXPECT_EQ(dict.at("loginArguments"),
+            (boost::json::object{{"userId", "alice"}, {"token", "tok"}, {"timestamp", 1700000000123}}));
+  EXPECT_EQ(dict.at("tavernSocket").at("tavernServer"), "http://a");
+  EXPECT_EQ(dict.at("tavernSocket").at("connectionId"), "sid-1");
+
+  info.logout();
+  dict = info.dictionary();
+  EXPECT_FALSE(dict.contains("loginArguments"));
+  EXPECT_EQ(dict.at("tavernSocket"), (boost::json::object{{"apiServer", "https://api.example.com"}}));
+  EXPECT_EQ(info.tavernSocket().tavernServers.size(), 2u);  // kept, never reported
+}
+
+}  // namespace
+}  // namespace qnbrl
