@@ -1,0 +1,156 @@
+// The connection state machine after login: lost connections and the back-off series, the server
+// order of the attempts, kick-off, session expiry, token expiry, and logouts and destruction that
+// meet a reconnection half-way.
+#include "client/session_fixture.hpp"
+
+using namespace qnbrl;
+using namespace testing_support;
+using namespace std::chrono_literals;
+
+namespace {
+
+class ReconnectionTest : public SessionTest {
+ protected:
+  // Cuts the client's connection on `server` and checks that the next attempt waits exactly `pause`,
+  // then lands on `next` and logs in again.
+  void loseAndExpect(int server, std::chrono::seconds pause, int next) {
+    auto before = server_->logins().size();
+    ASSERT_TRUE(server_->dropTransport(server, ""));
+    ASSERT_TRUE(awaitPause(pause));
+    time_.advance(pause - 1ms);
+    EXPECT_EQ(time_.clock().next_deadline() - time_.clock().now(), 1ms) << "attempt started early";
+    time_.advance(1ms);
+    ASSERT_TRUE(waitUntil([&] { return server_->logins().size() == before + 1; }));
+    EXPECT_EQ(server_->logins().back().server, next);
+  }
+};
+
+TEST_F(ReconnectionTest, PausesGrowAndTheSeriesContinuesAfterASuccess) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "alice"), 0);
+  testing::internal::CaptureStdout();
+  loseAndExpect(A, 1s, B);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  loseAndExpect(B, 2s, C);  // the index is not reset by the success
+  ASSERT_TRUE(listener.waitFor({3, 2}, 3));
+  loseAndExpect(C, 4s, A);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 4));
+  loseAndExpect(A, 6s, B);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 5));
+  loseAndExpect(B, 6s, C);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 6));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "connectIndex:1 \nconnectIndex:2 \nconnectIndex:3 \nconnectIndex:4 \nconnectIndex:4 \n");
+  auto changes = listener.changes();
+  EXPECT_EQ(changes.size(), 12u);
+  for (std::size_t i = 2; i + 1 < changes.size(); i += 2) {
+    EXPECT_EQ(changes[i], (Change{4, 5}));
+    EXPECT_EQ(changes[i + 1], (Change{3, 2}));
+  }
+}
+
+TEST_F(ReconnectionTest, FailedAttemptsMoveAlongTheListAndReportReconnectingOnce) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "bob"), 0);
+  // B and C refuse the session: every attempt lands on the next server, pausing longer each time.
+  ASSERT_TRUE(server_->scriptLogin({.server = B, .fail = "loginFail: AuthFail"}));
+  ASSERT_TRUE(server_->scriptLogin({.server = C, .fail = "loginFail: AuthFail"}));
+  ASSERT_TRUE(server_->dropTransport(A, ""));
+  for (auto [pause, next] : {std::pair{1s, B}, {2s, C}, {4s, A}}) {
+    auto before = server_->logins().size();
+    ASSERT_TRUE(awaitPause(pause));
+    time_.advance(pause);
+    ASSERT_TRUE(waitUntil([&] { return server_->logins().size() == before + 1; }));
+    EXPECT_EQ(server_->logins().back().server, next);
+  }
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  EXPECT_EQ(listener.changes(), (std::vector<Change>{{2, 1}, {3, 2}, {4, 5}, {3, 2}}));
+}
+
+TEST_F(ReconnectionTest, KickOffEndsTheSessionWithoutReconnecting) {
+  Listener first, second;
+  auto kit = makeKit(first);
+  auto elsewhere = makeKit(second);
+  ASSERT_EQ(login(*kit, "carol"), 0);
+  ASSERT_EQ(login(*elsewhere, "carol"), 0);
+  ASSERT_TRUE(first.waitFor({1, 8}));
+  time_.advance(30s);
+  EXPECT_EQ(server_->logins().size(), 2u);
+  EXPECT_EQ(first.changes(), (std::vector<Change>{{2, 1}, {3, 2}, {1, 8}}));
+  // Still logged in: a new login is refused, logout is not.
+  EXPECT_EQ(login(*kit, "carol"), 8);
+  Codes codes;
+  kit->logoutWithCompletion(codes.completion());
+  EXPECT_EQ(codes.await(), 0);
+}
+
+TEST_F(ReconnectionTest, ExpiredSessionReconnectsAndAnExpiredTokenIsReported) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "dave"), 0);
+  ASSERT_TRUE(server_->disconnect(A, "", "ExpireSession", true));
+  ASSERT_TRUE(awaitPause(1s));
+  time_.advance(1s);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  EXPECT_EQ(listener.expired(), 0);
+
+  ASSERT_TRUE(server_->disconnect(B, "", "loginFail: ExpiredToken", true));
+  ASSERT_TRUE(awaitPause(2s));
+  EXPECT_EQ(listener.expired(), 1);
+  time_.advance(2s);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 3));  // the old credentials still work here
+  EXPECT_EQ(server_->logins().back().server, C);
+}
+
+TEST_F(ReconnectionTest, RenewalDuringThePauseGivesTheNextAttemptTheNewToken) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "erin", "old-token"), 0);
+  ASSERT_TRUE(server_->dropTransport(A, ""));
+  ASSERT_TRUE(awaitPause(1s));
+  auto renewed = std::string(32, 'n');
+  int code = -1;
+  kit->renewToken(renewed, 1800000000000, [&](const std::string&, int c) { code = c; });
+  EXPECT_EQ(code, 0);
+  time_.advance(1s);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  auto last = server_->logins().back();
+  EXPECT_EQ(last.token, renewed);
+  EXPECT_EQ(last.timestamp, 1800000000000);
+}
+
+TEST_F(ReconnectionTest, LogoutWaitsBehindThePause) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "frank"), 0);
+  ASSERT_TRUE(server_->dropTransport(A, ""));
+  ASSERT_TRUE(awaitPause(1s));
+  Codes codes;
+  kit->logoutWithCompletion(codes.completion());
+  EXPECT_TRUE(codes.all().empty());
+  time_.advance(1s);
+  EXPECT_EQ(codes.await(), 0);
+  EXPECT_TRUE(listener.waitFor({1, 6}));
+  // The attempt that the pause released was closed by the logout; nothing follows.
+  time_.advance(30s);
+  EXPECT_TRUE(waitUntil([] { return live(B) == 0; }));
+  EXPECT_EQ(listener.changes().back(), (Change{1, 6}));
+}
+
+TEST_F(ReconnectionTest, AClientDestroyedMidReconnectionStaysSilent) {
+  Listener listener;
+  {
+    auto kit = makeKit(listener);
+    ASSERT_EQ(login(*kit, "gina"), 0);
+    ASSERT_TRUE(server_->dropTransport(A, ""));
+    ASSERT_TRUE(awaitPause(1s));
+  }
+  time_.advance(1s);
+  time_.advance(30s);
+  EXPECT_EQ(server_->logins().size(), 1u);
+  EXPECT_EQ(listener.changes(), (std::vector<Change>{{2, 1}, {3, 2}}));
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+#pragma once
+// Clients against the dev server's session side: three tavern servers that check the login query,
+// answer "loginSuccess" or refuse, and kick a user who logs in twice. Time runs on a manual clock, so
+// connect time-outs and reconnection pauses happen when a test advances it.
+#include "qnbrl/qnbrl.hpp"
+#include "socketio/clock.hpp"
+#include "support/devserver.hpp"
+#include "support/socketio_fixture.hpp"
+#include "support/wait.hpp"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace testing_support {
+
+using Change = std::pair<int, int>;  // (state, reason) as integers
+
+// The application's delegate, recording what it hears. Declare it before the kit it listens to, so
+// that the kit (and with it every callback) is gone first.
+class Listener {
+ public:
+  Listener() : delegate(std::make_shared<qnbrl::QNBRLDelegate>()) {
+    delegate->connectionStateChanged = [this](qnbrl::QNBRLKit&, qnbrl::QNBRLConnectionState state,
+                                              qnbrl::QNBRLConnectionChangeReason reason) {
+      std::lock_guard lock(mutex_);
+      changes_.emplace_back(static_cast<int>(state), static_cast<int>(reason));
+    };
+    delegate->tokenDidExpire = [this](qnbrl::QNBRLKit&) {
+      std::lock_guard lock(mutex_);
+      ++expired_;
+    };
+  }
+  std::vector<Change> changes() const {
+    std::lock_guard lock(mutex_);
+    return changes_;
+  }
+  int expired() const {
+    std::lock_guard lock(mutex_);
+    return expired_;
+  }
+  bool waitFor(Change change, std::size_t count = 1) const {
+    return waitUntil([&] {
+      auto all = changes();
+      return static_cast<std::size_t>(std::count(all.begin(), all.end(), change)) >= count;
+    });
+  }
+
+  std::shared_ptr<qnbrl::QNBRLDelegate> delegate;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Change> changes_;
+  int expired_ = 0;
+};
+
+// Completion codes, in arrival order.
+class Codes {
+ public:
+  qnbrl::QNBRLKit::Completion completion() {
+    return [this](int code) {
+      std::lock_guard lock(mutex_);
+      codes_.push_back(code);
+    };
+  }
+  std::vector<int> all() const {
+    std::lock_guard lock(mutex_);
+    return codes_;
+  }
+  // The n-th code (from 1), waiting for it; -1 when it never came.
+  int await(std::size_t n = 1) const {
+    if (!waitUntil([&] { return all().size() >= n; })) return -1;
+    return all()[n - 1];
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<int> codes_;
+};
+
+class SessionTest : public ::testing::Test {
+ protected:
+  static constexpr int A = 0, B = 1, C = 2;
+
+  static void SetUpTestSuite() {
+    DevServerOptions options;
+    options.tavern = 3;
+    options.tavernTls = 0;
+    options.session = true;
+    server_ = new DevServer(options);
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    server_ = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(server_->ready());
+    ASSERT_TRUE(server_->reset());
+    server_->logins(true);
+  }
+
+  std::shared_ptr<qnbrl::QNBRLKit> makeKit(const Listener& listener, const std::string& appId = "app-1") {
+    qnbrl::QNBRLOptions options;
+    options.envConfig.apiServer = server_->httpUrl();
+    options.envConfig.logServer = server_->httpUrl();
+    return qnbrl::QNBRLKit::create(appId, listener.delegate, options);
+  }
+
+  // Logs in and waits for the outcome.
+  static int login(qnbrl::QNBRLKit& kit, const std::string& userId, const std::string& token = "token-1") {
+    Codes codes;
+    kit.loginByToken(token, 1700000000000, userId, codes.completion());
+    return codes.await();
+  }
+
+  // Waits until the earliest armed timer is `pause` away, i.e. a reconnection pause has started.
+  bool awaitPause(std::chrono::milliseconds pause) {
+    return waitUntil([&] { return time_.clock().next_deadline() - time_.clock().now() == pause; });
+  }
+
+  // Live connections of a tavern server.
+  static std::size_t live(int server) { return server_->connections(server, true).size(); }
+
+  static inline DevServer* server_ = nullptr;
+  ManualTime time_;
+};
+
+}  // namespace testing_support
