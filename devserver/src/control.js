@@ -14,7 +14,7 @@ function optionalBool(v, name) {
   return Boolean(v);
 }
 
-// world: {taverns, commands, discovery, collection, http, describe()}.
+// world: {taverns, commands, sessions, discovery, collection, http, describe()}.
 function handlers(world) {
   const tavern = (req) => {
     const id = req.server === undefined ? 0 : req.server;
@@ -35,6 +35,15 @@ function handlers(world) {
       const commands = world.commands.received;
       if (optionalBool(req.clear, 'clear')) world.commands.clearRecords();
       return { commands };
+    },
+    scriptLogin: (req) => {
+      if (req.server !== undefined) tavern(req);
+      world.sessions.script(req);
+    },
+    logins: (req) => {
+      const logins = world.sessions.logins;
+      if (optionalBool(req.clear, 'clear')) world.sessions.clearRecords();
+      return { logins };
     },
     onConnect: (req) => {
       const targets = req.server === undefined ? world.taverns : [tavern(req)];
@@ -76,6 +85,7 @@ function handlers(world) {
     },
     clear: () => {
       world.commands.clearRecords();
+      world.sessions.clearRecords();
       world.http.clearRecords();
       world.collection.uploads = [];
       for (const t of world.taverns) t.clearRecords();
@@ -83,6 +93,8 @@ function handlers(world) {
     reset: async () => {
       world.commands.resetScripts();
       world.commands.clearRecords();
+      world.sessions.resetScripts();
+      world.sessions.clearRecords();
       world.discovery.reset();
       world.collection.reset();
       world.http.clearRecords();

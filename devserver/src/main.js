@@ -7,6 +7,7 @@ const options = require('./options');
 const log = require('./log');
 const tls = require('./tls');
 const { Commands } = require('./commands');
+const { Sessions } = require('./session');
 const { TavernServer } = require('./tavern');
 const { Discovery } = require('./discovery');
 const { Collection } = require('./collection');
@@ -25,12 +26,14 @@ async function main() {
   log.setVerbose(opts.verbose);
   const credentials = tls.credentials(opts.cert);
   const commands = new Commands(opts);
+  const sessions = new Sessions(opts);
 
   // Ids are positions in one list: ws servers, then wss servers, then the silent server.
   const taverns = [];
   const add = (extra) => taverns.push(new TavernServer({ id: taverns.length, options: opts, commands, ...extra }));
-  for (let i = 0; i < opts.tavern; ++i) add({ credentials: null });
-  for (let i = 0; i < opts.tavernTls; ++i) add({ credentials });
+  const checked = opts.session ? sessions : null;
+  for (let i = 0; i < opts.tavern; ++i) add({ credentials: null, sessions: checked });
+  for (let i = 0; i < opts.tavernTls; ++i) add({ credentials, sessions: checked });
   add({ credentials: null, silent: true });
   await Promise.all(taverns.map((t) => t.start()));
 
@@ -55,7 +58,7 @@ async function main() {
   });
   process.stdout.write(`${JSON.stringify({ ready: true, ...describe() })}\n`);
 
-  serveControl({ taverns, commands, discovery, collection, http, describe }, () => {
+  serveControl({ taverns, commands, sessions, discovery, collection, http, describe }, () => {
     log.debug('control input closed, exiting');
     process.exit(0);
   });

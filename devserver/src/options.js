@@ -11,6 +11,7 @@ const defaults = {
   perMessageDeflate: false,
   maxHttpBufferSize: 1000000, // bytes, also the open packet's maxPayload
   cert: 'trusted', // 'trusted' | 'untrusted' | 'wronghost': certificate of every TLS listener
+  session: false, // check the login of every tavern connection, answer loginSuccess or refuse
   record: true, // keep events, commands and HTTP requests for the control interface
   verbose: false, // log connections and events to stderr
 };
@@ -22,7 +23,7 @@ function check(opts) {
   if (!ms(opts.pingInterval) || !ms(opts.pingTimeout)) throw new Error('ping times must be positive integers (ms)');
   if (!ms(opts.maxHttpBufferSize)) throw new Error('maxHttpBufferSize must be a positive integer');
   if (!certificates.includes(opts.cert)) throw new Error(`cert must be one of ${certificates.join(', ')}`);
-  for (const k of ['perMessageDeflate', 'record', 'verbose']) {
+  for (const k of ['perMessageDeflate', 'session', 'record', 'verbose']) {
     if (typeof opts[k] !== 'boolean') throw new Error(`${k} must be a boolean`);
   }
   return opts;

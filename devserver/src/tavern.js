@@ -45,13 +45,15 @@ const RESERVED_EVENTS = ['connect', 'connect_error', 'disconnect', 'disconnectin
 class TavernServer {
   // id: the number the control interface uses; credentials: {cert, key} for a TLS server, else null;
   // silent: a server that is silent from the start and stays so.
-  constructor({ id, credentials, silent, options, commands }) {
+  // sessions: the login of every new connection, or null when logins are not checked.
+  constructor({ id, credentials, silent, options, commands, sessions }) {
     this.id = id;
     this.credentials = credentials;
     this.alwaysSilent = Boolean(silent);
     this.silentMode = silent ? 'connected' : null;
     this.options = options;
     this.commands = commands;
+    this.sessions = sessions;
     this.port = 0;
     this.server = null;
     this.io = null;
@@ -191,6 +193,7 @@ class TavernServer {
       if (ack) ack(...args);
     });
     for (const step of this.onConnect) this.runStep(socket, step);
+    if (this.sessions && socket.connected) this.sessions.login(this.id, socket);
   }
 
   runStep(socket, step) {

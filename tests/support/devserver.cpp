@@ -290,6 +290,11 @@ std::uint64_t count(const json::object& o, std::string_view key) {
   return 0;
 }
 
+std::int64_t integer(const json::object& o, std::string_view key) {
+  const auto* v = o.if_contains(key);
+  return v && v->is_int64() ? v->get_int64() : 0;
+}
+
 json::object objectAt(const json::object& o, std::string_view key) {
   const auto* v = o.if_contains(key);
   return v && v->is_object() ? v->get_object() : json::object();
@@ -370,6 +375,7 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
       {"perMessageDeflate", o.perMessageDeflate},
       {"maxHttpBufferSize", o.maxHttpBufferSize},
       {"cert", o.untrustedCert ? "untrusted" : o.wrongHostCert ? "wronghost" : "trusted"},
+      {"session", o.session},
       {"record", o.record},
       {"verbose", o.verbose},
   };
@@ -435,6 +441,35 @@ std::vector<CommandRecord> DevServer::commands(bool clear) {
                    payload ? *payload : json::value(), flag(o, "ack")});
   }
   return out;
+}
+
+bool DevServer::scriptLogin(const LoginScript& script) {
+  json::object req{{"cmd", "scriptLogin"}};
+  if (script.server) req["server"] = *script.server;
+  if (!script.fail.empty()) req["fail"] = script.fail;
+  if (script.silent) req["silent"] = true;
+  if (script.delay) req["delayMs"] = script.delay->count();
+  if (script.times > 0) req["times"] = script.times;
+  return isOk(call(std::move(req)));
+}
+
+std::vector<Login> DevServer::logins(bool clear) {
+  std::vector<Login> out;
+  for (const auto& v : arrayAt(call({{"cmd", "logins"}, {"clear", clear}}), "logins")) {
+    if (!v.is_object()) continue;
+    const auto& o = v.get_object();
+    out.push_back({static_cast<int>(count(o, "server")), str(o, "socket"), str(o, "roomId"), str(o, "userId"),
+                   str(o, "token"), integer(o, "timestamp"), integer(o, "connectTimeStamp"),
+                   str(o, "result")});
+  }
+  return out;
+}
+
+std::vector<Login> DevServer::awaitLogins(std::size_t wanted, std::chrono::milliseconds limit) {
+  std::vector<Login> all;
+  if (waitUntil([&] { return (all = logins()).size() >= wanted; }, limit)) return all;
+  ADD_FAILURE() << "fewer than " << wanted << " logins";
+  return {};
 }
 
 bool DevServer::onConnect(std::optional<int> server, json::array steps) {

@@ -136,6 +136,7 @@ struct DevServerOptions {
   std::int64_t maxHttpBufferSize = 1000000;  // also the open packet's maxPayload
   bool untrustedCert = false;                // every TLS listener serves the untrusted CA's certificate
   bool wrongHostCert = false;                // ... or one of the trusted CA for another host name
+  bool session = false;                      // tavern servers check logins (scriptLogin, logins)
   bool record = true;                        // keep events, commands and requests (off for floods)
   bool verbose = false;                      // connection and event log on stderr
   std::string stderrPath;                    // empty: inherit the test's stderr
@@ -211,6 +212,27 @@ class CommandAnswer : public ScriptedAnswer<CommandAnswer> {
   CommandAnswer& none() { return set("noAnswer", true); }                              // never acknowledged
 };
 
+// How the next logins are answered (DevServerOptions::session): refused with `fail`, never answered
+// (`silent`) or accepted after `delay`; on `server` only, else on every server; for the next `times`
+// logins (0: until reset). Give exactly one of fail, silent and delay.
+struct LoginScript {
+  std::optional<int> server;
+  std::string fail;  // "loginFail: AuthFail", ...
+  bool silent = false;
+  std::optional<std::chrono::milliseconds> delay;
+  int times = 0;
+};
+
+// One login decision. Fields the query did not carry (a refused login) are empty or 0.
+struct Login {
+  int server = -1;
+  std::string socket;  // Socket.IO socket id
+  std::string roomId, userId;
+  std::string token;  // the inner token text
+  std::int64_t timestamp = 0, connectTimeStamp = 0;
+  std::string result;  // "loginSuccess", the refusal text ("loginFail: ...") or "silent"
+};
+
 // The discovery answer. Default: {"code":200,"data":{"tavernServers":[the ws tavern URLs]}};
 // each call replaces one part: DiscoveryAnswer().code(500), DiscoveryAnswer().data({}).
 class DiscoveryAnswer : public ScriptedAnswer<DiscoveryAnswer> {
@@ -276,6 +298,13 @@ class DevServer {
   bool scriptCommand(const std::string& name, const CommandAnswer& answer);  // name "*": any command
   std::vector<CommandRecord> commands(bool clear = false);  // every "command" received, all servers
 
+  // Scripts apply in the order given: the first one that applies to the server answers.
+  bool scriptLogin(const LoginScript& script);
+  std::vector<Login> logins(bool clear = false);  // every login decision, all servers, oldest first
+  // Waits until at least `count` logins are decided; returns them all (empty on time-out).
+  std::vector<Login> awaitLogins(std::size_t count,
+                                 std::chrono::milliseconds limit = std::chrono::seconds(10));
+
   // Steps run on every new connection of `server` (every server when nullopt), in order:
   // {"emit": name, "args": [...]} or {"disconnect": true, "reason"?: text, "close"?: bool}.
   bool onConnect(std::optional<int> server, boost::json::array steps);
@@ -308,7 +337,7 @@ class DevServer {
   std::vector<HttpRequestRecord> discoveryRequests() { return requests("/config/api/v1/brl-server"); }
   std::vector<Upload> uploads(bool clear = false);  // collection bodies as received
 
-  bool clear();  // forget recorded events, commands, requests and uploads
+  bool clear();  // forget recorded events, commands, logins, requests and uploads
   bool reset();  // clear(), drop every script, silence off, restart stopped servers
 
  private:
