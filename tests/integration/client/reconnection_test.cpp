@@ -1,7 +1,7 @@
 // The connection state machine after login: lost connections and the back-off series, the server
 // order of the attempts, kick-off, session expiry, token expiry, and logouts and destruction that
 // meet a reconnection half-way.
-#include "client/session_fixture.hpp"
+#include "support/session_fixture.hpp"
 
 using namespace qnbrl;
 using namespace testing_support;
@@ -55,8 +55,8 @@ TEST_F(ReconnectionTest, FailedAttemptsMoveAlongTheListAndReportReconnectingOnce
   auto kit = makeKit(listener);
   ASSERT_EQ(login(*kit, "bob"), 0);
   // B and C refuse the session: every attempt lands on the next server, pausing longer each time.
-  ASSERT_TRUE(server_->scriptLogin({.server = B, .fail = "loginFail: AuthFail"}));
-  ASSERT_TRUE(server_->scriptLogin({.server = C, .fail = "loginFail: AuthFail"}));
+  ASSERT_TRUE(server_->scriptLogin(refusal("loginFail: AuthFail", B)));
+  ASSERT_TRUE(server_->scriptLogin(refusal("loginFail: AuthFail", C)));
   ASSERT_TRUE(server_->dropTransport(A, ""));
   for (auto [pause, next] : {std::pair{1s, B}, {2s, C}, {4s, A}}) {
     auto before = server_->logins().size();

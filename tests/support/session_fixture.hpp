@@ -8,8 +8,10 @@
 #include "support/socketio_fixture.hpp"
 #include "support/wait.hpp"
 
+#include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -80,6 +82,14 @@ class Codes {
   std::vector<int> codes_;
 };
 
+// A login script that refuses with `text`, on one server or on all.
+inline LoginScript refusal(std::string text, std::optional<int> server = std::nullopt) {
+  LoginScript script;
+  script.server = server;
+  script.fail = std::move(text);
+  return script;
+}
+
 class SessionTest : public ::testing::Test {
  protected:
   static constexpr int A = 0, B = 1, C = 2;
@@ -118,6 +128,15 @@ class SessionTest : public ::testing::Test {
   // Waits until the earliest armed timer is `pause` away, i.e. a reconnection pause has started.
   bool awaitPause(std::chrono::milliseconds pause) {
     return waitUntil([&] { return time_.clock().next_deadline() - time_.clock().now() == pause; });
+  }
+
+  // Waits until the client's socket is the one for `url` (its connect time-out then runs from now).
+  static bool awaitSocketOn(const qnbrl::QNBRLKit& kit, const std::string& url) {
+    return waitUntil([&] {
+      auto info = boost::json::parse(kit.getDebugInfo());
+      auto* server = info.at("tavernSocket").as_object().if_contains("tavernServer");
+      return server && *server == url.c_str();
+    });
   }
 
   // Live connections of a tavern server.
