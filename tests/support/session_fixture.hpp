@@ -8,8 +8,8 @@
 #include "support/socketio_fixture.hpp"
 #include "support/wait.hpp"
 
-#include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
+#include <boost/json/parse.hpp>
 
 #include <algorithm>
 #include <mutex>

@@ -16,7 +16,9 @@ std::vector<int> serversTried(DevServer& server) {
   return out;
 }
 
-boost::json::object debugInfo(const QNBRLKit& kit) { return boost::json::parse(kit.getDebugInfo()).as_object(); }
+boost::json::object debugInfo(const QNBRLKit& kit) {
+  return boost::json::parse(kit.getDebugInfo()).as_object();
+}
 
 TEST_F(SessionTest, LoginCarriesTheCredentialsAndReportsEachStep) {
   Listener listener;
@@ -43,14 +45,16 @@ TEST_F(SessionTest, LoginCarriesTheCredentialsAndReportsEachStep) {
   auto info = debugInfo(*kit);
   EXPECT_EQ(info.at("tavernSocket").at("tavernServer").as_string(), server_->tavernUrls()[A]);
   EXPECT_EQ(info.at("tavernSocket").at("connectionId").as_string(), logins[0].socket);
-  EXPECT_EQ(info.at("loginArguments"),
-            (boost::json::object{{"userId", "alice"}, {"token", "secret-token"}, {"timestamp", 1700000000000}}));
+  EXPECT_EQ(
+      info.at("loginArguments"),
+      (boost::json::object{{"userId", "alice"}, {"token", "secret-token"}, {"timestamp", 1700000000000}}));
 }
 
 TEST_F(SessionTest, EveryRefusalTextGivesItsCodeAfterTheLastServer) {
   const std::pair<const char*, int> cases[] = {
-      {"loginFail: InvalidAppId", 4}, {"loginFail: InvalidArgument", 3}, {"loginFail: InvalidToken", 5},
-      {"loginFail: ExpiredToken", 6}, {"loginFail: AuthFail", 7},        {"loginFail: AppForbidden", 2},
+      {"loginFail: InvalidAppId", 4}, {"loginFail: InvalidArgument", 3},
+      {"loginFail: InvalidToken", 5}, {"loginFail: ExpiredToken", 6},
+      {"loginFail: AuthFail", 7},     {"loginFail: AppForbidden", 2},
       {"loginFail: SomethingNew", 1}, {"KickOff", 1},
   };
   for (auto& [text, code] : cases) {
@@ -174,7 +178,8 @@ TEST_F(SessionTest, RenewalChecksTheTokenAndCarriesTheNewOneOnTheNextConnection)
   kit->renewToken(renewed, 1800000000000, record);
   EXPECT_EQ(codes.back(), 0);
   EXPECT_TRUE(waitUntil([] { return live(A) == 0; }));
-  EXPECT_EQ(boost::json::parse(kit->getDebugInfo()).at("tavernSocket").at("tavernServer").as_string(), server_->tavernUrls()[B]);
+  EXPECT_EQ(boost::json::parse(kit->getDebugInfo()).at("tavernSocket").at("tavernServer").as_string(),
+            server_->tavernUrls()[B]);
   EXPECT_TRUE(server_->connections(B).empty());
 }
 

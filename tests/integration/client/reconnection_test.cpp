@@ -1,7 +1,13 @@
 // The connection state machine after login: lost connections and the back-off series, the server
 // order of the attempts, kick-off, session expiry, token expiry, and logouts and destruction that
 // meet a reconnection half-way.
+#include "diagnostics/logan_manager.hpp"
+#include "support/paths.hpp"
 #include "support/session_fixture.hpp"
+#include "support/text.hpp"
+
+#include <filesystem>
+#include <fstream>
 
 using namespace qnbrl;
 using namespace testing_support;
@@ -151,6 +157,68 @@ TEST_F(ReconnectionTest, AClientDestroyedMidReconnectionStaysSilent) {
   time_.advance(30s);
   EXPECT_EQ(server_->logins().size(), 1u);
   EXPECT_EQ(listener.changes(), (std::vector<Change>{{2, 1}, {3, 2}}));
+}
+
+}  // namespace
+
+namespace {
+
+// The (state, reason) pairs of the telemetry records written for one user so far.
+std::vector<Change> recordedStates(const std::string& userId) {
+  qnbrl::LoganManager::sharedInstance().collectManager()->queue()->sync([] {});
+  std::vector<std::pair<std::int64_t, Change>> found;  // (time stamp, pair), the files are not in order
+  for (auto& entry : std::filesystem::directory_iterator(qnbrl::cachesDirectory() / "logan")) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream file(entry.path());
+    for (std::string line; std::getline(file, line);) {
+      boost::system::error_code ec;
+      auto record = boost::json::parse(line, ec);
+      if (ec || !record.is_object()) continue;
+      auto content = boost::json::parse(record.at("content").as_string(), ec);
+      if (ec || content.at("type") != "ConnectState" || content.at("uid") != userId.c_str()) continue;
+      found.emplace_back(content.at("timestamp").as_int64(),
+                         Change(content.at("state").to_number<int>(), content.at("reason").to_number<int>()));
+    }
+  }
+  std::stable_sort(found.begin(), found.end(), [](auto& a, auto& b) { return a.first < b.first; });
+  std::vector<Change> out;
+  for (auto& [stamp, change] : found) out.push_back(change);
+  return out;
+}
+
+TEST_F(ReconnectionTest, TelemetryPairsFollowTheDelegateExceptReconnectingAndTimedOut) {
+  auto user = "telemetry-" + std::to_string(qnbrl::currentTimeStamp());
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, user), 0);
+  ASSERT_TRUE(server_->dropTransport(A, ""));
+  ASSERT_TRUE(awaitPause(1s));
+  time_.advance(1s);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  Codes codes;
+  kit->logoutWithCompletion(codes.completion());
+  ASSERT_TRUE(listener.waitFor({1, 6}));
+  EXPECT_EQ(recordedStates(user), (std::vector<Change>{{2, 1}, {3, 2}, {3, 2}, {1, 6}}));
+
+  // A connect time-out on the last server is told but not recorded; a delegate that does not listen
+  // gets nothing recorded at all.
+  ASSERT_TRUE(server_->scriptDiscovery(DiscoveryAnswer().servers({server_->blackholeUrl()})));
+  ASSERT_EQ(codes.await(), 0);
+  Codes timedOut;
+  kit->loginByToken("t", 1, user, timedOut.completion());
+  ASSERT_TRUE(awaitSocketOn(*kit, server_->blackholeUrl()));
+  time_.advance(6s);
+  EXPECT_EQ(timedOut.await(), 9);
+  ASSERT_TRUE(listener.waitFor({1, 4}));
+  ASSERT_TRUE(server_->scriptDiscovery(DiscoveryAnswer()));
+  auto deaf = QNBRLKit::create("app-1", std::make_shared<QNBRLDelegate>(), [&] {
+    QNBRLOptions options;
+    options.envConfig.apiServer = server_->httpUrl();
+    return options;
+  }());
+  ASSERT_EQ(login(*deaf, user + "-deaf"), 0);
+  EXPECT_EQ(recordedStates(user), (std::vector<Change>{{2, 1}, {3, 2}, {3, 2}, {1, 6}, {2, 1}}));
+  EXPECT_TRUE(recordedStates(user + "-deaf").empty());
 }
 
 }  // namespace
