@@ -14,27 +14,33 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
 
   auto& impl = *impl_;
   boost::json::object config;
+  int refusal = QNBRLLoginErrorOk;
   {
     std::lock_guard gate(impl.loginGate);
-    auto code = impl.stateManager->login() || impl.stateManager->state() == 2 ? QNBRLLoginErrorAlreadyLogin
-                : !isValidId(userId)                                          ? QNBRLLoginErrorInvalidArgument
-                                                                              : QNBRLLoginErrorOk;
-    if (code != QNBRLLoginErrorOk) {
-      logan.loginResult(0, code);
-      callApplication(completion, code);
-      return;
+    if (impl.stateManager->login() || impl.stateManager->state() == 2) {
+      refusal = QNBRLLoginErrorAlreadyLogin;
+    } else if (!isValidId(userId)) {
+      refusal = QNBRLLoginErrorInvalidArgument;
+    } else {
+      impl.debugInfo.loginWithToken(token, userId, timeStamp);
+      impl.stateHelper.loginParams().loginWithToken(token, impl.stateManager->appId(), userId, timeStamp);
+      config = impl.stateHelper.loginParams().generateSocketConfig().value_or(boost::json::object{});
+      impl.stateManager->setState(2);
+      impl.stateManager->setUserId(userId);
     }
-    impl.debugInfo.loginWithToken(token, userId, timeStamp);
-    impl.stateHelper.loginParams().loginWithToken(token, impl.stateManager->appId(), userId, timeStamp);
-    config = impl.stateHelper.loginParams().generateSocketConfig().value_or(boost::json::object{});
-    impl.stateManager->setState(2);
-    impl.stateManager->setUserId(userId);
+  }
+  if (refusal != QNBRLLoginErrorOk) {
+    logan.loginResult(0, refusal);
+    return callApplication(completion, refusal);
   }
   QNLog::shared().info("socket config: %@", config);
   {
     std::lock_guard lock(impl.mutex);
     impl.lastTavernServerIndex = 0;
   }
+
+  // Told before discovery starts, so that it always comes before the outcome.
+  impl.reportState(*this, QNBRLConnectionState::Connecting, QNBRLConnectionChangeReason::LoginStarted, true);
 
   // Discovery holds the work queue until its answer, so a logout queued behind it waits for it.
   impl.queue->asyncWaiting([weak = weak_from_this(), config = std::move(config),
@@ -64,8 +70,6 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
                              done();
                            });
   });
-
-  impl.reportState(*this, QNBRLConnectionState::Connecting, QNBRLConnectionChangeReason::LoginStarted, true);
 }
 
 void QNBRLKit::Impl::loginWithConfig(QNBRLKit&, const boost::json::object& config, Completion completion) {

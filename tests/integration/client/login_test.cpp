@@ -4,6 +4,9 @@
 
 #include <boost/json/parse.hpp>
 
+#include <algorithm>
+#include <thread>
+
 using namespace qnbrl;
 using namespace testing_support;
 using namespace std::chrono_literals;
@@ -140,6 +143,23 @@ TEST_F(SessionTest, ASecondLoginIsRefusedWhileConnectingAndOnceLoggedIn) {
   EXPECT_EQ(login(*kit, "other"), 8);
   EXPECT_EQ(server_->logins().size(), 1u);
   EXPECT_EQ(listener.changes(), (std::vector<Change>{{2, 1}, {3, 2}}));
+}
+
+TEST_F(SessionTest, ConcurrentLoginsLetExactlyOneThrough) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  Codes codes;
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 4; ++i) {
+    callers.emplace_back(
+        [&, i] { kit->loginByToken("t", 1, "racer" + std::to_string(i), codes.completion()); });
+  }
+  for (auto& t : callers) t.join();
+  ASSERT_NE(codes.await(4), -1);
+  auto all = codes.all();
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(all, (std::vector<int>{0, 8, 8, 8}));
+  EXPECT_EQ(server_->logins().size(), 1u);
 }
 
 TEST_F(SessionTest, LogoutClosesTheConnectionWithoutARequestAndAllowsANewLogin) {
