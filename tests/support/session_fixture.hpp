@@ -58,18 +58,19 @@ class Listener {
   int expired_ = 0;
 };
 
-// Completion codes, in arrival order.
+// Completion codes, in arrival order. A completion that comes after the test has given up on it
+// writes into state that it shares, never into a dead object.
 class Codes {
  public:
   qnbrl::QNBRLKit::Completion completion() {
-    return [this](int code) {
-      std::lock_guard lock(mutex_);
-      codes_.push_back(code);
+    return [state = state_](int code) {
+      std::lock_guard lock(state->mutex);
+      state->codes.push_back(code);
     };
   }
   std::vector<int> all() const {
-    std::lock_guard lock(mutex_);
-    return codes_;
+    std::lock_guard lock(state_->mutex);
+    return state_->codes;
   }
   // The n-th code (from 1), waiting for it; -1 when it never came.
   int await(std::size_t n = 1) const {
@@ -78,8 +79,11 @@ class Codes {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<int> codes_;
+  struct State {
+    std::mutex mutex;
+    std::vector<int> codes;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 // A login script that refuses with `text`, on one server or on all.
