@@ -283,8 +283,8 @@ class Demo {
   }
 
   bool createClients() {
-    say("(the library's own lines below: the first client finds no device id stored in this fresh HOME and "
-        "makes one, then names its telemetry directory)");
+    say("(the library's own lines below: in a fresh HOME the first client finds no device id stored and "
+        "makes one; it also names its telemetry directory)");
     for (const char* name : {"alice", "bob"}) {
       users_.push_back(std::make_unique<User>(name));
       if (!users_.back()->createClient(server_->httpUrl())) return false;
