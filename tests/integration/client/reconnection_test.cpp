@@ -91,6 +91,62 @@ TEST_F(ReconnectionTest, KickOffEndsTheSessionWithoutReconnecting) {
   Codes codes;
   kit->logoutWithCompletion(codes.completion());
   EXPECT_EQ(codes.await(), 0);
+  // The kick-off is remembered: after a new login, a plain server disconnect counts as one again.
+  elsewhere.reset();
+  ASSERT_EQ(login(*kit, "carol"), 0);
+  ASSERT_TRUE(server_->disconnect(server_->logins().back().server, ""));
+  EXPECT_TRUE(first.waitFor({1, 8}, 2));
+}
+
+TEST_F(ReconnectionTest, AttemptsToStoppedServersKeepGoingUntilOneIsBack) {
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "henry"), 0);
+  for (int id : {B, C}) ASSERT_TRUE(server_->stopTavern(id));
+  ASSERT_TRUE(server_->dropTransport(A, ""));
+  ASSERT_TRUE(server_->stopTavern(A));
+  // B and C refuse the connection at once: each failure schedules the next, longer pause.
+  for (auto pause : {1s, 2s}) {
+    ASSERT_TRUE(awaitPause(pause));
+    time_.advance(pause);
+  }
+  ASSERT_TRUE(awaitPause(4s));
+  for (int id : {A, B, C}) ASSERT_FALSE(server_->startTavern(id).empty());
+  time_.advance(4s);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  EXPECT_EQ(server_->logins().back().server, A);
+  EXPECT_EQ(listener.changes(), (std::vector<Change>{{2, 1}, {3, 2}, {4, 5}, {3, 2}}));
+}
+
+TEST_F(ReconnectionTest, ConnectTimeOutsDuringReconnection) {
+  // A, a server that never answers, then B: the time-out moves on to B at once.
+  auto hole = server_->blackholeUrl();
+  ASSERT_TRUE(server_->scriptDiscovery(
+      DiscoveryAnswer().servers({server_->tavernUrls()[A], hole, server_->tavernUrls()[B]})));
+  Listener listener;
+  auto kit = makeKit(listener);
+  ASSERT_EQ(login(*kit, "ivan"), 0);
+  ASSERT_TRUE(server_->dropTransport(A, ""));
+  ASSERT_TRUE(awaitPause(1s));
+  time_.advance(1s);
+  ASSERT_TRUE(awaitSocketOn(*kit, hole));
+  time_.advance(6s);
+  ASSERT_TRUE(listener.waitFor({3, 2}, 2));
+  EXPECT_EQ(server_->logins().back().server, B);
+
+  // Only A and the silent one: the time-out on the last server ends the series with (1, 4).
+  ASSERT_TRUE(server_->scriptDiscovery(DiscoveryAnswer().servers({server_->tavernUrls()[A], hole})));
+  Listener second;
+  auto other = makeKit(second);
+  ASSERT_EQ(login(*other, "judy"), 0);
+  ASSERT_TRUE(server_->disconnect(A, server_->logins().back().socket, std::nullopt, true));
+  ASSERT_TRUE(awaitPause(1s));
+  time_.advance(1s);
+  ASSERT_TRUE(awaitSocketOn(*other, hole));
+  time_.advance(6s);
+  ASSERT_TRUE(second.waitFor({1, 4}));
+  time_.advance(30s);
+  EXPECT_EQ(second.changes(), (std::vector<Change>{{2, 1}, {3, 2}, {4, 5}, {1, 4}}));
 }
 
 TEST_F(ReconnectionTest, ExpiredSessionReconnectsAndAnExpiredTokenIsReported) {
