@@ -37,16 +37,6 @@ void QNBRLDebugInfo::logout() {
   tavernSocket_.tavernServer.reset();
 }
 
-QNBRLTavernSocket QNBRLDebugInfo::tavernSocket() const {
-  std::lock_guard lock(mutex_);
-  return tavernSocket_;
-}
-
-std::optional<QNBRLLoginArguments> QNBRLDebugInfo::loginArguments() const {
-  std::lock_guard lock(mutex_);
-  return loginArguments_;
-}
-
 boost::json::object QNBRLDebugInfo::dictionary() const {
   std::lock_guard lock(mutex_);
   boost::json::object result;

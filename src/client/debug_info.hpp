@@ -35,8 +35,6 @@ class QNBRLDebugInfo {
   // Drops the login arguments and the connection's server and id.
   void logout();
 
-  QNBRLTavernSocket tavernSocket() const;
-  std::optional<QNBRLLoginArguments> loginArguments() const;
   // {"loginArguments": {...}, "tavernSocket": {...}, "sdkVersion": ...}; absent values left out and
   // the server list never reported.
   boost::json::object dictionary() const;

@@ -33,7 +33,7 @@ struct QNBRLKit::Impl {
                    bool telemetry);
 
   // Login, logout.
-  void loginWithConfig(QNBRLKit& kit, const boost::json::object& config, Completion completion);
+  void loginWithConfig(const boost::json::object& config, Completion completion);
   void cleanResourcesAfterLogout();
 
   // Connection events.

@@ -64,7 +64,7 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
                                MainQueue::async([weak, config = std::move(config),
                                                  completion = std::move(completion)]() mutable {
                                  if (auto kit = weak.lock())
-                                   kit->impl_->loginWithConfig(*kit, config, std::move(completion));
+                                   kit->impl_->loginWithConfig(config, std::move(completion));
                                });
                              }
                              done();
@@ -72,7 +72,7 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
   });
 }
 
-void QNBRLKit::Impl::loginWithConfig(QNBRLKit&, const boost::json::object& config, Completion completion) {
+void QNBRLKit::Impl::loginWithConfig(const boost::json::object& config, Completion completion) {
   std::string first;
   {
     std::lock_guard lock(mutex);

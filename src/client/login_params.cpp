@@ -15,12 +15,6 @@ void QNBRLLoginParams::loginWithToken(std::string token, std::string appId, std:
   login_ = true;
 }
 
-void QNBRLLoginParams::renewToken(std::string token, std::int64_t timestamp) {
-  std::lock_guard lock(mutex_);
-  token_ = std::move(token);
-  timestamp_ = timestamp;
-}
-
 void QNBRLLoginParams::logout() {
   std::lock_guard lock(mutex_);
   userId_.clear();

@@ -12,7 +12,6 @@ namespace qnbrl {
 class QNBRLLoginParams {
  public:
   void loginWithToken(std::string token, std::string appId, std::string userId, std::int64_t timestamp);
-  void renewToken(std::string token, std::int64_t timestamp);
   void logout();
   bool login() const;
 
