@@ -1,4 +1,3 @@
-#include "client/debug_info.hpp"
 #include "client/kit_impl.hpp"
 #include "client/login_params.hpp"
 #include "client/state_helper.hpp"
@@ -42,13 +41,6 @@ TEST(LoginParams, ConfigCarriesTheCredentialsAndAFreshConnectTime) {
   EXPECT_GE(connectTime, before);
   EXPECT_LE(connectTime, currentTimeStamp());
 
-  params.loginWithToken("tok2", "app-1", "alice", 5);
-  token = boost::json::parse(params.generateSocketConfig()->at("connectParams").at("token").as_string())
-              .as_object();
-  EXPECT_EQ(token.at("token"), "tok2");
-  EXPECT_EQ(token.at("timestamp").as_int64(), 5);
-  EXPECT_EQ(token.at("userId"), "alice");
-
   params.logout();
   EXPECT_FALSE(params.login());
   EXPECT_FALSE(params.generateSocketConfig());
@@ -70,32 +62,6 @@ TEST(StateHelper, SubscriptionSetsCollapseDuplicatesAndEmptyAtLogout) {
   EXPECT_TRUE(helper.subscribedOnlineStatusPeerIds().empty());
   EXPECT_TRUE(helper.subscribedAttributesPeerIds().empty());
   EXPECT_FALSE(helper.loginParams().login());
-}
-
-TEST(DebugInfo, ReportsOnlyPresentValuesAndForgetsTheLoginAtLogout) {
-  QNBRLDebugInfo info;
-  info.getApiServer("https://api.example.com");
-  info.getTavernServers({"http://a", "http://b"});
-  auto dict = info.dictionary();
-  EXPECT_EQ(dict.at("tavernSocket"), (boost::json::object{{"apiServer", "https://api.example.com"}}));
-  EXPECT_FALSE(dict.contains("loginArguments"));
-  // The short version, the middle part of the SDK version text.
-  auto version = std::string(dict.at("sdkVersion").as_string());
-  EXPECT_NE(QNBRLKit::getSDKVersion().find("-" + version + "-"), std::string::npos);
-
-  info.loginWithToken("tok", "alice", 1700000000123);
-  info.updateTavernServer("http://a");
-  info.getConnectionId("sid-1");
-  dict = info.dictionary();
-  EXPECT_EQ(dict.at("loginArguments"),
-            (boost::json::object{{"userId", "alice"}, {"token", "tok"}, {"timestamp", 1700000000123}}));
-  EXPECT_EQ(dict.at("tavernSocket").at("tavernServer"), "http://a");
-  EXPECT_EQ(dict.at("tavernSocket").at("connectionId"), "sid-1");
-
-  info.logout();
-  dict = info.dictionary();
-  EXPECT_FALSE(dict.contains("loginArguments"));
-  EXPECT_EQ(dict.at("tavernSocket"), (boost::json::object{{"apiServer", "https://api.example.com"}}));
 }
 
 }  // namespace
