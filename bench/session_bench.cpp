@@ -42,7 +42,7 @@ constexpr auto kWaitLimit = 30s;  // for one login, one logout or one batch
 constexpr int kFdsBeyondClients = 256;
 
 constexpr double kLoginTargetMs = 5;
-constexpr long kThreadTarget = 8;
+constexpr int kThreadTarget = 8;
 constexpr double kRssTargetKib = 64;
 
 constexpr const char* kAppId = "bench-app";
@@ -158,7 +158,8 @@ double login(qnbrl::QNBRLKit& kit, Tally& tally, const std::string& userId) {
   const auto before = tally.counts();
   const auto started = Steady::now();
   kit.loginByToken(kToken, kTimestamp, userId, tally.login());
-  const auto after = tally.await([&](const Tally::Counts& c) { return c.logins() > before.logins(); }, "login");
+  const auto after =
+      tally.await([&](const Tally::Counts& c) { return c.logins() > before.logins(); }, "login");
   if (after.loginFailed > before.loginFailed)
     throw std::runtime_error("login refused with code " + std::to_string(after.lastFailure));
   return millis(after.lastLogin - started);
@@ -235,7 +236,7 @@ void runLoginLatency(std::ostream& out) {
 
 // The process's threads, resident set and heap in use.
 struct Footprint {
-  long threads = 0;
+  int threads = 0;
   double rssKib = 0;
   double heapKib = 0;
 };
@@ -322,6 +323,7 @@ void runIdleClients(std::ostream& out, const char* name, bool deflate, int clien
   std::this_thread::sleep_for(kIdle);  // the measurement itself: what idle clients cost
   const double idleCpu = (cpuSeconds() - cpu) / (millis(Steady::now() - idleStarted) / 1e3);
 
+  std::cerr << " " << loginSeconds << " s to log in\n";
   const double rssPerClient = (after.rssKib - before.rssKib) / clients;
   JsonLine(name)
       .add("clients", clients)
@@ -341,7 +343,6 @@ void runIdleClients(std::ostream& out, const char* name, bool deflate, int clien
   for (auto& kit : kits) kit->logoutWithCompletion(tally.logout());
   tally.await([&](const Tally::Counts& c) { return c.logouts - base.logouts >= clients; }, "logouts");
   kits.clear();
-  std::cerr << " " << loginSeconds << " s to log in\n";
 }
 
 }  // namespace
