@@ -40,3 +40,5 @@ class JsonLine {
 // The Socket.IO client against the dev server, beside a raw WebSocket baseline.
 void runSocketIoBenchmarks(std::ostream& out);
 void runDiagnosticsBenchmarks(std::ostream& out);
+// Login time through the public client, and the footprint of many idle logged-in clients.
+void runSessionBenchmarks(std::ostream& out);

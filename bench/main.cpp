@@ -121,6 +121,7 @@ int main(int argc, char** argv) {
   const Group groups[] = {
       {"socketio", runSocketIoBenchmarks},
       {"diagnostics", runDiagnosticsBenchmarks},
+      {"session", runSessionBenchmarks},
   };
   int status = 0;
   for (const auto& group : groups) {
