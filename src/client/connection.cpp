@@ -99,7 +99,8 @@ void QNBRLKit::Impl::onConnectTimeout(QNBRLKit& kit) {
   bool last = false;
   {
     std::lock_guard lock(mutex);
-    last = !tavernServers.empty() && url == tavernServers.back();
+    // With no list left to move along, the time-out ends the attempt as on the last server.
+    last = tavernServers.empty() || url == tavernServers.back();
     if (!last) {
       next = positionOf(tavernServers, url).value_or(static_cast<std::size_t>(-1)) + 1;
       lastTavernServerIndex = static_cast<std::int64_t>(next);

@@ -73,7 +73,7 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
 }
 
 void QNBRLKit::Impl::loginWithConfig(const boost::json::object& config, Completion completion) {
-  std::string first;
+  std::optional<std::string> first;
   {
     std::lock_guard lock(mutex);
     if (!tavernServers.empty()) {
@@ -83,15 +83,15 @@ void QNBRLKit::Impl::loginWithConfig(const boost::json::object& config, Completi
       connectIndex = 0;
     }
   }
-  if (first.empty()) {
+  if (!first) {
     QNLog::shared().error("no tavernServer");
+    stateManager->setState(1);  // before the completion, which may log in again
     callApplication(completion, QNBRLLoginErrorTimeout);
     LoganManager::sharedInstance().loginResult(0, QNBRLLoginErrorTimeout);
-    stateManager->setState(1);
     return;
   }
-  QNLog::shared().info("tavernServer: %@", first);
-  socketManager->createSocketWithUrl(first, config);
+  QNLog::shared().info("tavernServer: %@", *first);
+  socketManager->createSocketWithUrl(*first, config);
   socketManager->connect();
 }
 
