@@ -19,6 +19,9 @@ struct BenchSettings {
 
 const BenchSettings& benchSettings();
 
+// CPU seconds (user + system) this process has used so far; a child server is not counted.
+double cpuSeconds();
+
 // One output line, {"bench": name, ...}, with numbers written plainly (43.5, not 4.35E1).
 class JsonLine {
  public:

@@ -4,6 +4,7 @@
 #include "benchmarks.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <boost/json/serialize.hpp>
 #include <boost/json/string.hpp>
 
@@ -64,6 +65,13 @@ bool parse(int argc, char** argv) {
 }
 
 }  // namespace
+
+double cpuSeconds() {
+  rusage ru{};
+  getrusage(RUSAGE_SELF, &ru);
+  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(ru.ru_utime) + seconds(ru.ru_stime);
+}
 
 bool BenchSettings::selected(std::string_view name) const {
   return only.empty() || std::find(only.begin(), only.end(), name) != only.end();

@@ -49,13 +49,6 @@ constexpr const char* kAppId = "bench-app";
 constexpr const char* kToken = "0123456789abcdef0123456789abcdef";
 constexpr std::int64_t kTimestamp = 1700000000000;
 
-double cpuSeconds() {
-  rusage ru{};
-  getrusage(RUSAGE_SELF, &ru);
-  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  return seconds(ru.ru_utime) + seconds(ru.ru_stime);
-}
-
 double millis(Steady::duration d) {
   return std::chrono::duration<double, std::milli>(d).count();
 }

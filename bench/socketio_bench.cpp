@@ -54,13 +54,6 @@ constexpr double kLatencyTarget = 1.5;    // Socket.IO ack p50 / WebSocket echo 
 constexpr double kPipelineTarget = 1.25;  // CPU per acknowledged emit / CPU per echo
 constexpr double kEventTarget = 1.0;      // CPU per received event / CPU per echo
 
-double cpuSeconds() {
-  rusage ru{};
-  getrusage(RUSAGE_SELF, &ru);
-  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  return seconds(ru.ru_utime) + seconds(ru.ru_stime);
-}
-
 double micros(Steady::duration d) {
   return std::chrono::duration<double, std::micro>(d).count();
 }

@@ -22,14 +22,16 @@ TEST(ClientRealTime, ReconnectionPausesOneThenTwoSeconds) {
   kit->loginByToken("t", 1, "alice", codes.completion());
   ASSERT_EQ(codes.await(), 0);
 
+  std::size_t connected = 1;
   for (auto [from, pause] : {std::pair{0, 1.0}, {1, 2.0}}) {
-    auto successes = server.logins().size();
     auto start = Clock::now();
     ASSERT_TRUE(server.dropTransport(from, ""));
-    ASSERT_TRUE(waitUntil([&] { return server.logins().size() > successes; }, 5s));
+    ASSERT_TRUE(waitUntil([&] { return server.logins().size() > connected; }, 5s));
+    ++connected;
     auto took = std::chrono::duration<double>(Clock::now() - start).count();
     EXPECT_GE(took, pause);
     EXPECT_LT(took, pause + 0.9);
+    ASSERT_TRUE(listener.waitFor({3, 2}, connected));
   }
 }
 

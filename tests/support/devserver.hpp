@@ -24,8 +24,8 @@
 //
 // TLS: the servers use tests/data/tls/server.pem, signed by tests/data/tls/ca.pem (point SSL_CERT_FILE
 // at testCaFile() to trust it); DevServerOptions::untrustedCert serves a certificate of another CA.
-#include <boost/json.hpp>
 #include <gtest/gtest.h>
+#include <boost/json.hpp>
 
 #include <sys/types.h>
 
@@ -52,7 +52,7 @@ boost::json::value bytesValue(const Bytes& bytes);
 std::optional<Bytes> bytesFrom(const boost::json::value& value);
 
 // Test certificate files (absolute paths).
-std::string testCaFile();           // tests/data/tls/ca.pem
+std::string testCaFile();  // tests/data/tls/ca.pem
 
 // A child process with a stream to its stdin (a socket, so that writing to a child that has gone fails
 // instead of raising SIGPIPE) and a pipe from its stdout, split into lines on a reader thread. Stopping is
@@ -382,10 +382,12 @@ class PythonServer {
   std::string url_;
 };
 
-// A fixture whose suite shares one dev server (default options), reset before each test.
-class DevServerSuite : public ::testing::Test {
+// A fixture whose suite shares one dev server, started with Config::options() and reset before each
+// test. Each Config has a server of its own.
+template <class Config>
+class DevServerSuiteOf : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { server_ = new DevServer(); }
+  static void SetUpTestSuite() { server_ = new DevServer(Config::options()); }
   static void TearDownTestSuite() {
     delete server_;
     server_ = nullptr;
@@ -396,5 +398,10 @@ class DevServerSuite : public ::testing::Test {
   }
   static inline DevServer* server_ = nullptr;
 };
+
+struct DefaultDevServer {
+  static DevServerOptions options() { return {}; }
+};
+using DevServerSuite = DevServerSuiteOf<DefaultDevServer>;
 
 }  // namespace testing_support

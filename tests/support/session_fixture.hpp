@@ -20,28 +20,28 @@ namespace testing_support {
 
 using Change = std::pair<int, int>;  // (state, reason) as integers
 
-// The application's delegate, recording what it hears. Declare it before the kit it listens to, so
-// that the kit (and with it every callback) is gone first.
+// The application's delegate, recording what it hears. Its callbacks share the recorded state, so a
+// callback still running when the test drops its client writes into live memory.
 class Listener {
  public:
   Listener() : delegate(std::make_shared<qnbrl::QNBRLDelegate>()) {
-    delegate->connectionStateChanged = [this](qnbrl::QNBRLKit&, qnbrl::QNBRLConnectionState state,
-                                              qnbrl::QNBRLConnectionChangeReason reason) {
-      std::lock_guard lock(mutex_);
-      changes_.emplace_back(static_cast<int>(state), static_cast<int>(reason));
+    delegate->connectionStateChanged = [state = state_](qnbrl::QNBRLKit&, qnbrl::QNBRLConnectionState s,
+                                                        qnbrl::QNBRLConnectionChangeReason reason) {
+      std::lock_guard lock(state->mutex);
+      state->changes.emplace_back(static_cast<int>(s), static_cast<int>(reason));
     };
-    delegate->tokenDidExpire = [this](qnbrl::QNBRLKit&) {
-      std::lock_guard lock(mutex_);
-      ++expired_;
+    delegate->tokenDidExpire = [state = state_](qnbrl::QNBRLKit&) {
+      std::lock_guard lock(state->mutex);
+      ++state->expired;
     };
   }
   std::vector<Change> changes() const {
-    std::lock_guard lock(mutex_);
-    return changes_;
+    std::lock_guard lock(state_->mutex);
+    return state_->changes;
   }
   int expired() const {
-    std::lock_guard lock(mutex_);
-    return expired_;
+    std::lock_guard lock(state_->mutex);
+    return state_->expired;
   }
   bool waitFor(Change change, std::size_t count = 1) const {
     return waitUntil([&] {
@@ -50,12 +50,16 @@ class Listener {
     });
   }
 
-  std::shared_ptr<qnbrl::QNBRLDelegate> delegate;
-
  private:
-  mutable std::mutex mutex_;
-  std::vector<Change> changes_;
-  int expired_ = 0;
+  struct State {
+    std::mutex mutex;
+    std::vector<Change> changes;
+    int expired = 0;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+
+ public:
+  std::shared_ptr<qnbrl::QNBRLDelegate> delegate;
 };
 
 // Completion codes, in arrival order. A completion that comes after the test has given up on it
@@ -94,24 +98,23 @@ inline LoginScript refusal(std::string text, std::optional<int> server = std::nu
   return script;
 }
 
-class SessionTest : public ::testing::Test {
- protected:
-  static constexpr int A = 0, B = 1, C = 2;
-
-  static void SetUpTestSuite() {
+// Three ws tavern servers with the session side on.
+struct SessionDevServer3 {
+  static DevServerOptions options() {
     DevServerOptions options;
     options.tavern = 3;
     options.tavernTls = 0;
     options.session = true;
-    server_ = new DevServer(options);
+    return options;
   }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
+};
+
+class SessionTest : public DevServerSuiteOf<SessionDevServer3> {
+ protected:
+  static constexpr int A = 0, B = 1, C = 2;
+
   void SetUp() override {
-    ASSERT_TRUE(server_->ready());
-    ASSERT_TRUE(server_->reset());
+    DevServerSuiteOf::SetUp();
     server_->logins(true);
   }
 
@@ -146,7 +149,6 @@ class SessionTest : public ::testing::Test {
   // Live connections of a tavern server.
   static std::size_t live(int server) { return server_->connections(server, true).size(); }
 
-  static inline DevServer* server_ = nullptr;
   ManualTime time_;
 };
 

@@ -31,21 +31,16 @@ std::vector<std::string> heardNames(const Session& s) {
   return out;
 }
 
-class DevServerSession : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
+struct SessionDevServer {
+  static DevServerOptions options() {
     DevServerOptions o;
     o.session = true;
-    server_ = new DevServer(o);
+    return o;
   }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(server_->ready());
-    ASSERT_TRUE(server_->reset());
-  }
+};
+
+class DevServerSession : public DevServerSuiteOf<SessionDevServer> {
+ protected:
   static std::unique_ptr<Session> open(const std::string& url, sio::Options options) {
     return std::make_unique<Session>(
         url, std::move(options),
@@ -54,7 +49,6 @@ class DevServerSession : public ::testing::Test {
   static std::unique_ptr<Session> open(int server, sio::Options options) {
     return open(server_->tavernUrls().at(static_cast<std::size_t>(server)), std::move(options));
   }
-  static inline DevServer* server_ = nullptr;
 };
 
 TEST_F(DevServerSession, AcceptedLoginIsAnsweredAndRecorded) {
