@@ -19,6 +19,10 @@ struct BenchSettings {
 
 const BenchSettings& benchSettings();
 
+// The q-quantile by the nearest-rank method, and the median (0 for no values).
+double percentile(std::vector<double> v, double q);
+double median(std::vector<double> v);
+
 // CPU seconds (user + system) this process has used so far; a child server is not counted.
 double cpuSeconds();
 

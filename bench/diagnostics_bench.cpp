@@ -19,11 +19,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kRounds = 5;
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 template <class Fn>
 double secondsFor(int calls, Fn&& fn) {
   auto start = Clock::now();

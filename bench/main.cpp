@@ -73,6 +73,22 @@ double cpuSeconds() {
   return seconds(ru.ru_utime) + seconds(ru.ru_stime);
 }
 
+// The q-quantile by the nearest-rank method.
+double percentile(std::vector<double> v, double q) {
+  if (v.empty()) return 0;
+  const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(v.size())));
+  const auto i = std::min(v.size() - 1, rank == 0 ? 0 : rank - 1);
+  std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(i), v.end());
+  return v[i];
+}
+
+double median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  const auto n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
 bool BenchSettings::selected(std::string_view name) const {
   return only.empty() || std::find(only.begin(), only.end(), name) != only.end();
 }

@@ -53,19 +53,6 @@ double millis(Steady::duration d) {
   return std::chrono::duration<double, std::milli>(d).count();
 }
 
-// The q-quantile by the nearest-rank method.
-double percentile(std::vector<double> v, double q) {
-  if (v.empty()) return 0;
-  const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(v.size())));
-  const auto i = std::min(v.size() - 1, rank == 0 ? 0 : rank - 1);
-  std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(i), v.end());
-  return v[i];
-}
-
-double median(std::vector<double> v) {
-  return percentile(std::move(v), 0.5);
-}
-
 // What the clients' completions and delegate report, counted, so that the benchmark can wait on it.
 // One tally serves any number of clients; it must outlive them.
 class Tally {

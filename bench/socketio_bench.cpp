@@ -61,22 +61,6 @@ double seconds(Steady::duration d) {
   return std::chrono::duration<double>(d).count();
 }
 
-// The q-quantile by the nearest-rank method.
-double percentile(std::vector<double> v, double q) {
-  if (v.empty()) return 0;
-  const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(v.size())));
-  const auto i = std::min(v.size() - 1, rank == 0 ? 0 : rank - 1);
-  std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(i), v.end());
-  return v[i];
-}
-
-double median(std::vector<double> v) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  const auto n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
 void await(std::future<void>& f, const std::string& what) {
   if (f.wait_for(kRoundLimit) != std::future_status::ready) throw std::runtime_error(what + ": stalled");
   f.get();
