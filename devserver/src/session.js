@@ -88,7 +88,7 @@ class Sessions {
   }
 
   note(server, socket, login, result) {
-    if (this.record) this.logins.push({ server, socket: socket.id, ...login, result, at: Date.now() });
+    if (this.record) this.logins.push({ server, socket: socket.id, ...login, result });
   }
 
   // Decides the login of a new connection of tavern server `server`.

@@ -118,11 +118,17 @@ class SessionTest : public DevServerSuiteOf<SessionDevServer3> {
     server_->logins(true);
   }
 
-  std::shared_ptr<qnbrl::QNBRLKit> makeKit(const Listener& listener, const std::string& appId = "app-1") {
+  // A client of the dev server's discovery and collection endpoints.
+  static std::shared_ptr<qnbrl::QNBRLKit> makeKit(std::weak_ptr<qnbrl::QNBRLDelegate> delegate,
+                                                  const std::string& appId = "app-1") {
     qnbrl::QNBRLOptions options;
     options.envConfig.apiServer = server_->httpUrl();
     options.envConfig.logServer = server_->httpUrl();
-    return qnbrl::QNBRLKit::create(appId, listener.delegate, options);
+    return qnbrl::QNBRLKit::create(appId, std::move(delegate), options);
+  }
+  static std::shared_ptr<qnbrl::QNBRLKit> makeKit(const Listener& listener,
+                                                  const std::string& appId = "app-1") {
+    return makeKit(listener.delegate, appId);
   }
 
   // Logs in and waits for the outcome.

@@ -205,15 +205,13 @@ TEST_F(SessionTest, RenewalChecksTheTokenAndCarriesTheNewOneOnTheNextConnection)
 
 TEST_F(SessionTest, ADelegateThatImplementsNothingChangesNothing) {
   auto silentDelegate = std::make_shared<QNBRLDelegate>();
-  QNBRLOptions options;
-  options.envConfig.apiServer = server_->httpUrl();
-  auto kit = QNBRLKit::create("app-1", silentDelegate, options);
+  auto kit = makeKit(silentDelegate);
   ASSERT_EQ(login(*kit, "kate"), 0);
   Codes codes;
   kit->logoutWithCompletion(codes.completion());
   EXPECT_EQ(codes.await(), 0);
   // And one that is gone already.
-  auto gone = QNBRLKit::create("app-1", std::make_shared<QNBRLDelegate>(), options);
+  auto gone = makeKit(std::make_shared<QNBRLDelegate>());
   EXPECT_EQ(login(*gone, "kate"), 0);
 }
 

@@ -257,11 +257,8 @@ TEST_F(ReconnectionTest, TelemetryPairsFollowTheDelegateExceptReconnectingAndTim
   EXPECT_EQ(timedOut.await(), 9);
   ASSERT_TRUE(listener.waitFor({1, 4}));
   ASSERT_TRUE(server_->scriptDiscovery(DiscoveryAnswer()));
-  auto deaf = QNBRLKit::create("app-1", std::make_shared<QNBRLDelegate>(), [&] {
-    QNBRLOptions options;
-    options.envConfig.apiServer = server_->httpUrl();
-    return options;
-  }());
+  auto deafDelegate = std::make_shared<QNBRLDelegate>();
+  auto deaf = makeKit(deafDelegate);
   ASSERT_EQ(login(*deaf, user + "-deaf"), 0);
   EXPECT_EQ(recordedStates(user), (std::vector<Change>{{2, 1}, {3, 2}, {3, 2}, {1, 6}, {2, 1}}));
   EXPECT_TRUE(recordedStates(user + "-deaf").empty());
