@@ -1,7 +1,6 @@
 #include "client/kit_impl.hpp"
 #include "diagnostics/log.hpp"
 #include "diagnostics/logan_manager.hpp"
-#include "socketio/clock.hpp"
 #include "support/text.hpp"
 
 #include <algorithm>
@@ -60,14 +59,8 @@ void QNBRLKit::Impl::bind(const std::shared_ptr<QNBRLKit>& kit) {
     if (auto kit = weak.lock()) kit->impl_->onSocketChange();
   };
   messageDelegate = std::make_shared<QNSocketMessageDelegate>();
-  messageDelegate->onDisconnect = [weak](QNSocketManager&, const sio::Payload& data) {
-    if (auto kit = weak.lock()) kit->impl_->onDisconnect(*kit, data);
-  };
-  messageDelegate->onDisconnectReason = [weak](QNSocketManager&, const sio::Payload& data) {
-    if (auto kit = weak.lock()) kit->impl_->onDisconnectReason(data);
-  };
-  messageDelegate->onLoginSuccess = [weak](QNSocketManager&, const sio::Payload& data) {
-    if (auto kit = weak.lock()) kit->impl_->onLoginSuccess(*kit, data);
+  messageDelegate->onEvent = [weak](QNSocketManager&, std::string_view event, const sio::Payload& data) {
+    if (auto kit = weak.lock()) kit->impl_->onEvent(*kit, event, data);
   };
   socketManager->setDelegate(socketDelegate);
   socketManager->setMessageDelegate(messageDelegate);
@@ -79,7 +72,7 @@ void QNBRLKit::Impl::finishLogin(int code) {
     std::lock_guard lock(mutex);
     pending = std::exchange(loginBlcok, nullptr);
   }
-  callApplication(pending, code);
+  if (!released) callApplication(pending, code);
 }
 
 void QNBRLKit::Impl::failOver(std::size_t index) {
@@ -118,7 +111,7 @@ void QNBRLKit::Impl::onSocketChange() {
   debugInfo.updateTavernServer(socketManager->url());
 }
 
-void QNBRLKit::Impl::onDisconnectReason(const sio::Payload& data) {
+void QNBRLKit::Impl::onDisconnectReason(QNBRLKit&, const sio::Payload& data) {
   QNLog::shared().warn("disconnectReason, params = %@", data.args);
   auto reason = firstText(data);
   std::lock_guard lock(mutex);
@@ -182,9 +175,7 @@ void QNBRLKit::Impl::onDisconnect(QNBRLKit& kit, const sio::Payload& data) {
       return reportState(kit, QNBRLConnectionState::Disconnected, QNBRLConnectionChangeReason::KickedOff,
                          true);
     case Step::lost:
-      if (remembered == "loginFail: ExpiredToken") {
-        if (auto listener = delegate.lock()) callApplication(listener->tokenDidExpire, kit);
-      }
+      if (remembered == "loginFail: ExpiredToken") tell(&QNBRLDelegate::tokenDidExpire, kit);
       if (stateManager->state() != 4) stateManager->setState(1);
       return reconnect();
     case Step::closedByClient:
@@ -230,7 +221,7 @@ void QNBRLKit::Impl::reconnect() {
           kBackoff[std::clamp<std::size_t>(kit->impl_->connectIndex, 0, kBackoff.size() - 1)]);
     }
     // The pause holds the work queue (a logout waits behind it) but no thread.
-    sio::Clock::current().schedule(MainQueue::executor(), pause, [weak, done = std::move(done)] {
+    MainQueue::after(pause, [weak, done = std::move(done)] {
       if (auto kit = weak.lock()) kit->impl_->reconnectAfterPause(*kit);
       done();
     });

@@ -6,13 +6,14 @@
 // application.
 #include "client/debug_info.hpp"
 #include "client/state_helper.hpp"
-#include "client/state_manager.hpp"
+#include "transport/state_manager.hpp"
 #include "qnbrl/brl_kit.hpp"
 #include "support/queues.hpp"
 #include "transport/socket_manager.hpp"
 
 #include <boost/json/object.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -28,6 +29,15 @@ struct QNBRLKit::Impl {
   // Installs the socket delegates; called once the owning kit exists.
   void bind(const std::shared_ptr<QNBRLKit>& kit);
 
+  // The application has dropped its last reference: from here on nothing of this client reaches it
+  // (but request completions), and the connection goes down on the main queue.
+  void release();
+
+  // Calls the delegate's member when the application still holds the client and the delegate
+  // implements it; true when it was called. What the callback throws is caught.
+  template <class Member, class... Args>
+  bool tell(Member QNBRLDelegate::*member, Args&&... args);
+
   // Tells the delegate, if it listens; the telemetry pair is written only then.
   void reportState(QNBRLKit& kit, QNBRLConnectionState state, QNBRLConnectionChangeReason reason,
                    bool telemetry);
@@ -36,10 +46,11 @@ struct QNBRLKit::Impl {
   void loginWithConfig(const boost::json::object& config, Completion completion);
   void cleanResourcesAfterLogout();
 
-  // Connection events.
+  // Connection events. The server's events reach their handlers through the routing table.
   void onConnectTimeout(QNBRLKit& kit);
   void onSocketChange();
-  void onDisconnectReason(const sio::Payload& data);
+  void onEvent(QNBRLKit& kit, std::string_view event, const sio::Payload& data);
+  void onDisconnectReason(QNBRLKit& kit, const sio::Payload& data);
   void onDisconnect(QNBRLKit& kit, const sio::Payload& data);
   void onLoginSuccess(QNBRLKit& kit, const sio::Payload& data);
   void reconnect();
@@ -51,7 +62,9 @@ struct QNBRLKit::Impl {
   // Completes and clears the pending login, if any.
   void finishLogin(int code);
 
+  // The library's own hold on the kit (the application's references count apart, see create()).
   std::weak_ptr<QNBRLKit> owner;
+  std::atomic<bool> released{false};
   const std::weak_ptr<QNBRLDelegate> delegate;
   const std::shared_ptr<QNBRLStateManager> stateManager;
   QNBRLStateHelper stateHelper;
@@ -87,6 +100,15 @@ void callApplication(const F& f, Args&&... args) {
   } catch (...) {
     noteThrowingCallback();
   }
+}
+
+template <class Member, class... Args>
+bool QNBRLKit::Impl::tell(Member QNBRLDelegate::*member, Args&&... args) {
+  if (released.load()) return false;
+  auto listener = delegate.lock();
+  if (!listener || !((*listener).*member)) return false;
+  callApplication((*listener).*member, std::forward<Args>(args)...);
+  return true;
 }
 
 // 1 to 64 characters: ASCII letters, digits, white space and the listed punctuation.

@@ -1,7 +1,7 @@
 #include "diagnostics/logan_uploader.hpp"
 
 #include "diagnostics/console.hpp"
-#include "transport/http_request.hpp"
+#include "support/http_request.hpp"
 
 #include <fstream>
 #include <iterator>

@@ -1,6 +1,8 @@
 #include "support/json.hpp"
 
+#include <cctype>
 #include <cmath>
+#include <limits>
 
 namespace qnbrl {
 namespace {
@@ -91,6 +93,38 @@ std::optional<std::string> jsonString(const boost::json::object& object) {
 
 std::optional<std::string> jsonString(const boost::json::array& array) {
   return containerString(array);
+}
+
+std::optional<std::int64_t> looseInteger(const boost::json::value& value) {
+  using limits = std::numeric_limits<std::int64_t>;
+  if (auto* i = value.if_int64()) return *i;
+  if (auto* u = value.if_uint64()) return *u > static_cast<std::uint64_t>(limits::max()) ? limits::max() : static_cast<std::int64_t>(*u);
+  if (auto* b = value.if_bool()) return *b ? 1 : 0;
+  if (auto* d = value.if_double()) {
+    if (std::isnan(*d)) return std::nullopt;
+    // 2^63 is exact as a double; anything at or past it (infinity included) saturates.
+    constexpr double bound = 9223372036854775808.0;
+    if (*d >= bound) return limits::max();
+    if (*d < -bound) return limits::min();
+    return static_cast<std::int64_t>(*d);
+  }
+  auto* s = value.if_string();
+  if (!s) return std::nullopt;
+  std::string_view text = *s;
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+  bool negative = !text.empty() && text.front() == '-';
+  if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
+  if (text.empty() || !std::isdigit(static_cast<unsigned char>(text.front()))) return std::nullopt;
+  // Accumulated on the negative side, whose range is one larger, and stopped at the bound.
+  std::int64_t n = 0;
+  for (char c : text) {
+    if (!std::isdigit(static_cast<unsigned char>(c))) break;
+    int digit = c - '0';
+    if (n < (limits::min() + digit) / 10) return negative ? limits::min() : limits::max();
+    n = n * 10 - digit;
+  }
+  if (negative) return n;
+  return n == limits::min() ? limits::max() : -n;
 }
 
 }  // namespace qnbrl

@@ -3,6 +3,7 @@
 // fields once, in a FieldTable, instead of relying on run-time reflection.
 #include <boost/json.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -18,6 +19,12 @@ namespace qnbrl {
 std::optional<std::string> jsonString(const boost::json::value& value);
 std::optional<std::string> jsonString(const boost::json::object& object);
 std::optional<std::string> jsonString(const boost::json::array& array);
+
+// The integer a loosely typed reader takes from a value a server sent: a number with its fraction
+// dropped, a boolean as 0 or 1, a text's leading decimal integer (after white space, with an optional
+// sign). Values past the 64-bit range saturate at its bounds, so no large number reads as a small
+// one. nullopt for anything else.
+std::optional<std::int64_t> looseInteger(const boost::json::value& value);
 
 // Dictionary key of a declared instance-variable name: exactly one leading character is dropped,
 // whatever it is ("_channelId" gives "channelId", "name" gives "ame").

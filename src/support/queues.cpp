@@ -1,5 +1,7 @@
 #include "support/queues.hpp"
 
+#include "socketio/clock.hpp"
+
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -48,17 +50,33 @@ boost::asio::any_io_executor MainQueue::executor() { return main_loop().ioc.get_
 bool MainQueue::isCurrent() { return std::this_thread::get_id() == main_loop().thread_id; }
 void MainQueue::async(std::function<void()> fn) { boost::asio::post(main_loop().ioc, std::move(fn)); }
 
+void MainQueue::after(std::chrono::steady_clock::duration delay, std::function<void()> fn) {
+  sio::Clock::current().schedule(executor(), delay, std::move(fn));
+}
+
+namespace {
+
+// Runs fn and hands its outcome to the waiting caller: a throwing fn must not leave it waiting for ever.
+void settle(const std::function<void()>& fn, std::promise<void>& done) {
+  try {
+    fn();
+    done.set_value();
+  } catch (...) {
+    done.set_exception(std::current_exception());
+  }
+}
+
+}  // namespace
+
 void MainQueue::sync(const std::function<void()>& fn) {
   if (isCurrent()) {
     fn();
     return;
   }
   std::promise<void> done;
-  boost::asio::post(main_loop().ioc, [&] {
-    fn();
-    done.set_value();
-  });
-  done.get_future().wait();
+  auto outcome = done.get_future();
+  boost::asio::post(main_loop().ioc, [&] { settle(fn, done); });
+  outcome.get();
 }
 
 boost::asio::any_io_executor backgroundExecutor() {
@@ -87,12 +105,12 @@ void SerialQueue::asyncWaiting(WaitingTask task) {
 }
 
 void SerialQueue::sync(const std::function<void()>& task) {
-  std::promise<void> done;
-  async([&] {
-    task();
-    done.set_value();
-  });
-  done.get_future().wait();
+  // Shared with the queued task, so that a task dropped unrun (cancelPending) breaks the promise and
+  // the wait ends instead of lasting for ever.
+  auto done = std::make_shared<std::promise<void>>();
+  auto outcome = done->get_future();
+  async([&task, done] { settle(task, *done); });
+  outcome.get();
 }
 
 void SerialQueue::cancelPending() {

@@ -4,6 +4,7 @@
 // order, on a small shared pool, so ten thousand clients do not mean ten thousand threads.
 #include <boost/asio/any_io_executor.hpp>
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -17,7 +18,11 @@ class MainQueue {
   static boost::asio::any_io_executor executor();
   static bool isCurrent();
   static void async(std::function<void()> fn);
-  // Runs fn on the main queue and waits for it; runs inline when already there.
+  // Runs fn on the main queue once `delay` has passed, through the clock seam (so tests move time by
+  // hand). Nothing outside support reaches the clock directly.
+  static void after(std::chrono::steady_clock::duration delay, std::function<void()> fn);
+  // Runs fn on the main queue and waits for it; runs inline when already there. What fn throws is
+  // rethrown here.
   static void sync(const std::function<void()>& fn);
 };
 
@@ -35,7 +40,8 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   const std::string& label() const { return label_; }
   void async(std::function<void()> task);
   void asyncWaiting(WaitingTask task);
-  // Runs task after everything queued so far and waits for it. Never call it from the queue itself.
+  // Runs task after everything queued so far and waits for it; what it throws is rethrown here. A task
+  // dropped unrun (cancelPending) ends the wait with std::future_error. Never call it from the queue itself.
   void sync(const std::function<void()>& task);
   // Drops every task not yet started; the running one finishes.
   void cancelPending();

@@ -4,7 +4,7 @@
 #include "support/devserver.hpp"
 #include "support/wait.hpp"
 #include "transport/api_helper.hpp"
-#include "transport/http_request.hpp"
+#include "support/http_request.hpp"
 
 #include <gtest/gtest.h>
 #include <boost/asio/ip/tcp.hpp>
@@ -83,6 +83,8 @@ TEST_F(DiscoveryTest, EveryFailureEndsInNone) {
   };
   std::vector<Case> cases = {
       {"code other than 200", DiscoveryAnswer().code(500)},
+      // Far past any integer type: must saturate, not convert out of range.
+      {"code out of range", DiscoveryAnswer().body(R"({"code":1e300,"data":{"tavernServers":["ws://x"]}})")},
       {"bad JSON", DiscoveryAnswer().body("{\"code\":200,")},
       {"a JSON fragment", DiscoveryAnswer().body("200")},
       {"empty data", DiscoveryAnswer().data(boost::json::object{})},

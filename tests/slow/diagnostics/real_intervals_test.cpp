@@ -1,6 +1,6 @@
 // The real duration behind the clock seam: the 6-second HTTP request time-out, on the steady clock.
 // (Timer cadence and the upload interval are checked on the manual clock in the unit tests.)
-#include "transport/http_request.hpp"
+#include "support/http_request.hpp"
 
 #include <gtest/gtest.h>
 #include <boost/asio/io_context.hpp>

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <future>
 #include <mutex>
+#include <stdexcept>
 #include <vector>
 
 using namespace qnbrl;
@@ -85,4 +86,16 @@ TEST(SteadyClock, CancelledTimerNeverRuns) {
   ASSERT_TRUE(waitUntil([&] { return ran.load() >= 10; }));
   MainQueue::sync([] {});
   EXPECT_EQ(ran, 10);
+}
+
+TEST(Queues, SyncHelpersRethrowInsteadOfWaitingForEver) {
+  auto q = SerialQueue::create("test");
+  auto fail = [] { throw std::runtime_error("boom"); };
+  EXPECT_THROW(q->sync(fail), std::runtime_error);
+  EXPECT_THROW(MainQueue::sync(fail), std::runtime_error);
+  // Both queues still run work afterwards.
+  std::atomic<int> ran = 0;
+  q->sync([&] { ++ran; });
+  MainQueue::sync([&] { ++ran; });
+  EXPECT_EQ(ran, 2);
 }

@@ -27,8 +27,14 @@ TEST(QNBRLResult, DecodesTheAcknowledgementShapes) {
       {R"([{"result":"  -12x"}])", false, "", -12, true},
       {R"([{"result":4.9}])", false, "", 4, true},
       {R"([{"result":true}])", false, "", 1, true},
-      {R"([{"result":4294967297}])", false, "", 1, true},  // kept to 32 bits
-      {R"([{"result":1e300}])", false, "", -1, true},
+      // Out of range: saturated, so that no failure can wrap around to 0.
+      {R"([{"result":4294967296}])", false, "", 2147483647, true},
+      {R"([{"result":-4294967296}])", false, "", -2147483648, true},
+      {R"([{"result":18446744073709551616}])", false, "", 2147483647, true},
+      {R"([{"result":"18446744073709551616"}])", false, "", 2147483647, true},
+      {R"([{"result":"-99999999999999999999999"}])", false, "", -2147483648, true},
+      {R"([{"result":1e300}])", false, "", 2147483647, true},
+      {R"([{"result":-1e400}])", false, "", -2147483648, true},
       {R"(["NO ACK",{"result":3}])", true, "NO ACK", 3, true},
   };
   for (auto& c : cases) {

@@ -1,4 +1,4 @@
-#include "transport/http_request.hpp"
+#include "support/http_request.hpp"
 
 #include "socketio/clock.hpp"
 #include "socketio/tls.hpp"
