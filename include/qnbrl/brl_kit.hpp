@@ -13,17 +13,20 @@
 
 namespace qnbrl {
 
-class QNBRLKit : public std::enable_shared_from_this<QNBRLKit> {
+class QNBRLKit {
  public:
   using Completion = std::function<void(int code)>;
   using TokenCompletion = std::function<void(const std::string& token, int code)>;
 
   // Null when the API or log server of the options is not an http(s) URL of a host name or dotted
   // IPv4 address with an optional port. The delegate is held weakly. Nothing is sent before login.
+  //
+  // Releasing the last returned reference (from any thread, from inside one of the client's own
+  // callbacks too) drops queued work and closes the connection without waiting for the event loop or
+  // the network. Once the release has returned, no delegate callback and no login completion of this
+  // client begins; one already running may finish, with the client still valid.
   static std::shared_ptr<QNBRLKit> create(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate,
                                           const QNBRLOptions& options = {});
-  // Drops queued work; no completion or delegate callback runs afterwards. Never waits for the
-  // network.
   ~QNBRLKit();
   QNBRLKit(const QNBRLKit&) = delete;
   QNBRLKit& operator=(const QNBRLKit&) = delete;

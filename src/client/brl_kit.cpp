@@ -2,6 +2,7 @@
 #include "diagnostics/log.hpp"
 #include "diagnostics/logan_manager.hpp"
 #include "diagnostics/sdk_version.hpp"
+#include "support/queues.hpp"
 #include "support/json.hpp"
 #include "support/text.hpp"
 #include "transport/api_manager.hpp"
@@ -25,11 +26,15 @@ QNBRLKit::Impl::Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> dele
 
 void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
                                  QNBRLConnectionChangeReason reason, bool telemetry) {
-  auto listener = delegate.lock();
-  if (!listener || !listener->connectionStateChanged) return;
-  callApplication(listener->connectionStateChanged, kit, state, reason);
-  if (telemetry)
+  if (tell(&QNBRLDelegate::connectionStateChanged, kit, state, reason) && telemetry)
     LoganManager::sharedInstance().connectState(static_cast<int>(state), static_cast<int>(reason));
+}
+
+void QNBRLKit::Impl::release() {
+  released.store(true);
+  queue->cancelPending();
+  // On the main queue, where every other use of the socket manager runs; never waited for here.
+  MainQueue::async([socketManager = socketManager] { socketManager->destroy(); });
 }
 
 std::shared_ptr<QNBRLKit> QNBRLKit::create(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate,
@@ -43,16 +48,18 @@ std::shared_ptr<QNBRLKit> QNBRLKit::create(const std::string& appId, std::weak_p
   kit->impl_->bind(kit);
   kit->impl_->debugInfo.getApiServer(apiServer);
   logan.setLogServer(logServer);
-  return kit;
+  // The application's references have a count of their own: the library briefly holds the kit while
+  // it delivers a callback, and the application's release must still be seen at once. The library's
+  // hold ends with that release; the kit itself goes when the last delivery in progress lets go.
+  return std::shared_ptr<QNBRLKit>(kit.get(), [hold = kit](QNBRLKit*) mutable {
+    hold->impl_->release();
+    hold.reset();
+  });
 }
 
 QNBRLKit::QNBRLKit(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
-QNBRLKit::~QNBRLKit() {
-  impl_->queue->cancelPending();
-  // The socket's callbacks hold the kit weakly; they find it gone from here on.
-  impl_->socketManager->destroy();
-}
+QNBRLKit::~QNBRLKit() = default;
 
 std::string QNBRLKit::getSDKVersion() {
   return sdkVersionText();

@@ -13,6 +13,8 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
   logan.startLogan(token, userId, timeStamp);
 
   auto& impl = *impl_;
+  // The delegate may drop the application's last reference from inside the (2, 1) report below.
+  auto keep = impl.owner.lock();
   boost::json::object config;
   int refusal = QNBRLLoginErrorOk;
   {
@@ -41,9 +43,10 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
 
   // Told before discovery starts, so that it always comes before the outcome.
   impl.reportState(*this, QNBRLConnectionState::Connecting, QNBRLConnectionChangeReason::LoginStarted, true);
+  if (impl.released) return;
 
   // Discovery holds the work queue until its answer, so a logout queued behind it waits for it.
-  impl.queue->asyncWaiting([weak = weak_from_this(), config = std::move(config),
+  impl.queue->asyncWaiting([weak = impl.owner, config = std::move(config),
                             completion = std::move(completion)](std::function<void()> done) mutable {
     auto kit = weak.lock();
     if (!kit) return done();
@@ -106,10 +109,10 @@ void QNBRLKit::logoutWithCompletion(Completion completion) {
   logan.tsLogout = started;
   QNLog::shared().info("user logout");
   // Through the work queue, so that it waits behind a discovery or a reconnection pause.
-  impl_->queue->asyncWaiting([weak = weak_from_this(), started,
+  impl_->queue->asyncWaiting([weak = impl_->owner, started,
                               completion = std::move(completion)](std::function<void()> done) mutable {
     MainQueue::async([weak, started, completion = std::move(completion), done = std::move(done)] {
-      if (auto kit = weak.lock()) {
+      if (auto kit = weak.lock(); kit && !kit->impl_->released) {
         kit->impl_->cleanResourcesAfterLogout();
         callApplication(completion, QNBRLRequestOk);
         auto& logan = LoganManager::sharedInstance();
@@ -141,8 +144,11 @@ void QNBRLKit::renewToken(const std::string& token, std::int64_t timeStamp, Toke
   impl.stateHelper.loginParams().loginWithToken(token, impl.stateManager->appId(),
                                                 impl.stateManager->userId(), timeStamp);
   auto config = impl.stateHelper.loginParams().generateSocketConfig().value_or(boost::json::object{});
-  impl.rebuildSocketManagerWithConfig(config, false);
   QNLog::shared().info("renewtoken and set socket config: %@", config);
+  // The socket is rebuilt on the main queue, where failover and reconnection also rebuild it.
+  MainQueue::async([weak = impl.owner, config = std::move(config)] {
+    if (auto kit = weak.lock()) kit->impl_->rebuildSocketManagerWithConfig(config, false);
+  });
   callApplication(completion, token, QNBRLRequestOk);
 }
 

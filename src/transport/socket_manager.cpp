@@ -47,6 +47,7 @@ std::shared_ptr<sio::Socket> QNSocketManager::createSocketWithUrl(const std::str
     std::lock_guard lock(mutex_);
     previous = std::exchange(manager_, std::move(manager));
     socket_ = socket;
+    ++generation_;
     url_ = url;
     config_ = config;
     delegate = delegate_.lock();
@@ -82,36 +83,29 @@ void QNSocketManager::destroy() {
     std::lock_guard lock(mutex_);
     dropped = std::move(manager_);
     socket_.reset();
+    ++generation_;
   }
 }
 
 void QNSocketManager::registerCallback() {
   auto socket = this->socket().lock();
   if (!socket) return;
-  using Member = QNSocketMessageDelegate::Handler QNSocketMessageDelegate::*;
-  static const std::pair<const char*, Member> kEvents[] = {
-      {"disconnect", &QNSocketMessageDelegate::onDisconnect},
-      {"disconnectReason", &QNSocketMessageDelegate::onDisconnectReason},
-      {"loginSuccess", &QNSocketMessageDelegate::onLoginSuccess},
-      {"ChannelAttributesUpdated", &QNSocketMessageDelegate::onChannelAttributesUpdated},
-      {"PeersOnlineStatusChanged", &QNSocketMessageDelegate::onPeersOnlineStatusChanged},
-      {"PeersUserAttributesChanged", &QNSocketMessageDelegate::onPeersUserAttributesChanged},
-      {"MessageToPeerReceived", &QNSocketMessageDelegate::onMessageToPeerReceived},
-      {"InvitationNotify", &QNSocketMessageDelegate::onInvitationNotify},
-      {"ChannelMemberCount", &QNSocketMessageDelegate::onChannelMemberCount},
-      {"MemberJoined", &QNSocketMessageDelegate::onMemberJoined},
-      {"MemberLeft", &QNSocketMessageDelegate::onMemberLeft},
-      {"ChannelMessageReceived", &QNSocketMessageDelegate::onChannelMessageReceived},
-  };
-  for (auto& entry : kEvents) {
-    socket->on(entry.first, [weak = weak_from_this(), member = entry.second](const sio::Payload& args, const sio::Responder&) {
+  std::uint64_t generation = 0;
+  {
+    std::lock_guard lock(mutex_);
+    generation = generation_;
+  }
+  for (const char* event : kServerEvents) {
+    socket->on(event, [weak = weak_from_this(), event, generation](const sio::Payload& args, const sio::Responder&) {
       auto self = weak.lock();
       if (!self) return;
-      auto delegate = [&] {
+      std::shared_ptr<QNSocketMessageDelegate> delegate;
+      {
         std::lock_guard lock(self->mutex_);
-        return self->message_delegate_.lock();
-      }();
-      if (delegate && (*delegate).*member) ((*delegate).*member)(*self, args);
+        if (self->generation_ != generation) return;  // a socket already replaced or destroyed
+        delegate = self->message_delegate_.lock();
+      }
+      if (delegate && delegate->onEvent) delegate->onEvent(*self, event, args);
     });
   }
 }

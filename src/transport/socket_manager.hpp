@@ -7,10 +7,12 @@
 #include <boost/json/object.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace qnbrl {
 
@@ -22,24 +24,20 @@ struct QNSocketManagerDelegate {
   std::function<void(QNSocketManager&, const std::shared_ptr<sio::Socket>&)> onSocketChange;
 };
 
-// One member per server event; each gets the event's data list untouched (binary attachments in
-// the payload's buffers).
-struct QNSocketMessageDelegate {
-  using Handler = std::function<void(QNSocketManager&, const sio::Payload&)>;
-  Handler onDisconnect;
-  Handler onDisconnectReason;
-  Handler onLoginSuccess;
-  Handler onChannelAttributesUpdated;
-  Handler onPeersOnlineStatusChanged;
-  Handler onPeersUserAttributesChanged;
-  Handler onMessageToPeerReceived;
-  Handler onInvitationNotify;
-  Handler onChannelMemberCount;
-  Handler onMemberJoined;
-  Handler onMemberLeft;
-  Handler onChannelMessageReceived;
+// The events a server pushes, by name. The message delegate hears each of them, with the event's data
+// list untouched (binary attachments in the payload's buffers); it decides which it handles.
+inline constexpr const char* kServerEvents[] = {
+    "disconnect",         "disconnectReason",    "loginSuccess",           "ChannelAttributesUpdated",
+    "PeersOnlineStatusChanged", "PeersUserAttributesChanged", "MessageToPeerReceived", "InvitationNotify",
+    "ChannelMemberCount", "MemberJoined",        "MemberLeft",             "ChannelMessageReceived",
 };
 
+struct QNSocketMessageDelegate {
+  std::function<void(QNSocketManager&, std::string_view event, const sio::Payload&)> onEvent;
+};
+
+// The client calls it on the main queue, where its socket's events run too. From another thread it
+// works, but the "disconnect" that destroy() causes then reaches nobody: the socket is gone first.
 class QNSocketManager : public std::enable_shared_from_this<QNSocketManager> {
  public:
   static constexpr std::chrono::seconds kConnectTimeout{6};
@@ -51,8 +49,9 @@ class QNSocketManager : public std::enable_shared_from_this<QNSocketManager> {
   void setDelegate(std::weak_ptr<QNSocketManagerDelegate> delegate);
   void setMessageDelegate(std::weak_ptr<QNSocketMessageDelegate> delegate);
 
-  // Replaces any previous connection (dropped without a "disconnect" event) and returns the new
-  // socket, not yet connected. Config keys: "compress", "forceWebsockets", "connectParams".
+  // Replaces any previous connection (dropped without a "disconnect" event: from then on nothing the
+  // old socket raises reaches the delegates) and returns the new socket, not yet connected. Config
+  // keys: "compress", "forceWebsockets", "connectParams".
   std::shared_ptr<sio::Socket> createSocketWithUrl(const std::string& url, const boost::json::object& config);
   void connect();
   void disconnect();
@@ -80,6 +79,8 @@ class QNSocketManager : public std::enable_shared_from_this<QNSocketManager> {
   std::weak_ptr<QNSocketMessageDelegate> message_delegate_;
   std::unique_ptr<sio::Manager> manager_;
   std::weak_ptr<sio::Socket> socket_;
+  // Counts the sockets made and dropped, so that a late event of a replaced socket is told apart.
+  std::uint64_t generation_ = 0;
   std::string url_;
   boost::json::object config_;
 };
