@@ -74,6 +74,7 @@ TEST_F(SessionTest, ReleaseNeverWaitsForTheEventLoop) {
   kit.reset();
   EXPECT_TRUE(loopBusy) << "the release waited for the event loop";
   free.set_value();
+  MainQueue::sync([] {});  // the blocking task, which uses this frame, has ended
   EXPECT_TRUE(waitUntil([] { return live(A) == 0; }));
 }
 
