@@ -3,6 +3,7 @@
 // servers serve is exercised by the client tests that use them.
 #include "support/socketio_fixture.hpp"
 
+#include <gtest/gtest-spi.h>
 #include <signal.h>
 
 #include <cerrno>
@@ -12,27 +13,49 @@ namespace {
 
 using namespace testing_support;
 
-int portOf(const std::string& url) { return std::stoi(url.substr(url.rfind(':') + 1)); }
+int portOf(const std::string& url) {
+  return std::stoi(url.substr(url.rfind(':') + 1));
+}
 
-TEST(DevServer, DescribesDistinctListenersAndRefusesBadControlRequests) {
+TEST(DevServer, DescribesDistinctListeners) {
   DevServer dev;
   ASSERT_TRUE(dev.ready());
   ASSERT_EQ(dev.tavernUrls().size(), 2u);
   ASSERT_EQ(dev.tavernTlsUrls().size(), 1u);
   std::set<int> ports;
   for (const auto& u : dev.tavernUrls()) ports.insert(portOf(u));
-  for (const auto* u : {&dev.tavernTlsUrls()[0], &dev.silentUrl(), &dev.httpUrl(), &dev.httpsUrl(), &dev.blackholeUrl()}) {
+  for (const auto* u :
+       {&dev.tavernTlsUrls()[0], &dev.silentUrl(), &dev.httpUrl(), &dev.httpsUrl(), &dev.blackholeUrl()}) {
     ports.insert(portOf(*u));
   }
   EXPECT_EQ(ports.size(), 7u);
+}
 
-  for (auto request : {boost::json::object{{"cmd", "no such command"}},
-                       boost::json::object{{"cmd", "connections"}, {"server", 99}}}) {
+// A raw request hands the refusal back; a typed call, a server that never gets ready and one that has
+// gone fail the running test with the reason.
+TEST(DevServer, RefusalsCarryTheReasonAndFailTheRunningTest) {
+  DevServer dev;
+  ASSERT_TRUE(dev.ready());
+  const struct {
+    boost::json::object request;
+    const char* reason;
+  } refused[] = {
+      {{{"cmd", "no such command"}}, "unknown cmd \"no such command\""},
+      {{{"cmd", "connections"}, {"server", 99}}, "no tavern server 99"},
+  };
+  for (const auto& [request, reason] : refused) {
     auto reply = dev.request(request);
     EXPECT_EQ(reply.at("ok"), false);
-    EXPECT_TRUE(reply.at("error").is_string());
+    EXPECT_NE(devserver::errorOf(reply).find(reason), std::string::npos) << reply;
   }
+  EXPECT_NONFATAL_FAILURE(dev.connections(99), "control request \"connections\" failed: no tavern server 99");
   EXPECT_TRUE(dev.connections(0).empty());  // still answering
+
+  dev.stop();
+  EXPECT_NONFATAL_FAILURE(dev.clear(), "failed: the server is not running");
+  DevServerOptions impatient;
+  impatient.startTimeout = std::chrono::milliseconds(1);
+  EXPECT_NONFATAL_FAILURE(DevServer late(impatient), "main.js: no ready line within 1 ms");
 }
 
 TEST(DevServer, StoppedTavernRefusesConnectionsAndRestartsOnItsPort) {
