@@ -183,9 +183,8 @@ TEST(SecretServiceLocked, LockedKeyringRefusesQuicklyAndEachDeviceIdentifierIsFr
   ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
   ASSERT_GT(n, 0);
   self[n] = '\0';
-  // The child's whole output comes back in the failure message: its own failures go to stdout, a
-  // sanitizer's report or a crash to stderr. A file, not a pipe, since daemons of the private session
-  // may outlive the child and keep a pipe open.
+  // The child's stdout and stderr (its failures, a sanitizer's report) come back in the failure message,
+  // through a file: the private session's daemons could hold a pipe open after the child has gone.
   const auto log = home.path() / "child.log";
   // No XDG_RUNTIME_DIR or GNOME_KEYRING_CONTROL: the daemon must not find the user's own keyring.
   std::string command = "timeout 60 env -u XDG_RUNTIME_DIR -u GNOME_KEYRING_CONTROL HOME='" +
