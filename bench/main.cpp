@@ -3,7 +3,6 @@
 //   qnbrl_bench [--rounds N] [--scale X] [--only NAME[,NAME...]]
 #include "benchmarks.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <boost/json/serialize.hpp>
 #include <boost/json/string.hpp>
@@ -19,16 +18,6 @@
 namespace {
 
 BenchSettings g_settings;
-
-// The test fixtures report trouble with ADD_FAILURE; its default printer writes to stdout, which
-// belongs to the figures.
-class FailuresToStderr : public ::testing::EmptyTestEventListener {
-  void OnTestPartResult(const ::testing::TestPartResult& r) override {
-    if (!r.failed()) return;
-    std::cerr << (r.file_name() ? r.file_name() : "?") << ":" << r.line_number() << ": " << r.message()
-              << "\n";
-  }
-};
 
 int usage() {
   std::cerr << "usage: qnbrl_bench [--rounds N] [--scale X] [--only NAME[,NAME...]]\n"
@@ -134,10 +123,6 @@ void JsonLine::print(std::ostream& out) const {
 
 int main(int argc, char** argv) {
   if (!parse(argc, argv)) return usage();
-  auto& listeners = ::testing::UnitTest::GetInstance()->listeners();
-  delete listeners.Release(listeners.default_result_printer());
-  listeners.Append(new FailuresToStderr);
-
   struct Group {
     const char* name;
     void (*run)(std::ostream&);
@@ -158,6 +143,5 @@ int main(int argc, char** argv) {
     }
     std::cout.flush();
   }
-  if (::testing::UnitTest::GetInstance()->Failed()) status = 1;
   return status;
 }

@@ -7,7 +7,7 @@
 // (mallinfo2), since freed heap pages may stay resident.
 #include "benchmarks.hpp"
 #include "qnbrl/qnbrl.hpp"
-#include "support/devserver.hpp"
+#include "devserver/dev_server.hpp"
 
 #include <malloc.h>
 #include <sys/resource.h>
@@ -124,7 +124,7 @@ class Tally {
   std::shared_ptr<qnbrl::QNBRLDelegate> delegate_;
 };
 
-std::shared_ptr<qnbrl::QNBRLKit> makeKit(const testing_support::DevServer& server, const Tally& tally) {
+std::shared_ptr<qnbrl::QNBRLKit> makeKit(const devserver::DevServer& server, const Tally& tally) {
   qnbrl::QNBRLOptions options;
   options.envConfig.apiServer = server.httpUrl();
   options.envConfig.logServer = server.httpUrl();
@@ -176,12 +176,12 @@ LoginRound loginRound(qnbrl::QNBRLKit& kit, Tally& tally, int cycles) {
 
 void runLoginLatency(std::ostream& out) {
   const auto& settings = benchSettings();
-  testing_support::DevServerOptions options;
+  devserver::DevServerOptions options;
   options.tavern = 1;
   options.tavernTls = 0;
   options.session = true;
   options.record = false;
-  testing_support::DevServer server(options);
+  devserver::DevServer server(options);
   if (!server.ready()) throw std::runtime_error("the dev server did not start");
 
   Tally tally;
@@ -249,13 +249,13 @@ void raiseFileLimit(int clients) {
 // `clients` logged-in clients of one app, distinct users, spread over the tavern servers; one figure
 // line. Runs once per process configuration: a second round would reuse the first one's freed pages.
 void runIdleClients(std::ostream& out, const char* name, bool deflate, int clients) {
-  testing_support::DevServerOptions options;
+  devserver::DevServerOptions options;
   options.tavern = kTaverns;
   options.tavernTls = 0;
   options.session = true;
   options.record = false;
   options.perMessageDeflate = deflate;
-  testing_support::DevServer server(options);
+  devserver::DevServer server(options);
   if (!server.ready()) throw std::runtime_error("the dev server did not start");
 
   std::cerr << "  " << name << "..." << std::flush;
@@ -282,7 +282,7 @@ void runIdleClients(std::ostream& out, const char* name, bool deflate, int clien
     // Each batch starts on another server, as discovery would spread a real population.
     std::vector<std::string> urls = server.tavernUrls();
     std::rotate(urls.begin(), urls.begin() + (first / kBatch) % kTaverns, urls.end());
-    if (!server.scriptDiscovery(testing_support::DiscoveryAnswer().servers(urls)))
+    if (!server.scriptDiscovery(devserver::DiscoveryAnswer().servers(urls)))
       throw std::runtime_error("the dev server refused the discovery script");
     const int last = std::min(clients, first + kBatch);
     for (int i = first; i < last; ++i) {

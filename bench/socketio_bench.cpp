@@ -8,7 +8,7 @@
 #include "benchmarks.hpp"
 #include "socketio/client.hpp"
 #include "socketio/codec.hpp"
-#include "support/devserver.hpp"
+#include "devserver/dev_server.hpp"
 #include "support/queues.hpp"
 
 #include <boost/asio/io_context.hpp>
@@ -344,11 +344,11 @@ void printRatio(std::ostream& out, const std::string& name, const Case& num, con
 
 void runSocketIoBenchmarks(std::ostream& out) {
   const auto& settings = benchSettings();
-  testing_support::DevServerOptions options;
+  devserver::DevServerOptions options;
   options.tavern = 1;
   options.tavernTls = 0;
   options.record = false;
-  testing_support::DevServer server(options);
+  devserver::DevServer server(options);
   if (!server.ready()) throw std::runtime_error("the dev server did not start");
 
   SioClient sio(server.tavernUrls().at(0));

@@ -2,13 +2,13 @@
 // one goes away and the client moves to the next one by itself, then both log out.
 //
 // The dev server (devserver/) stands in for the service: it answers server discovery with its tavern
-// servers and checks every login the way the service does. The demo runs it through the same fixture
-// the tests use.
+// servers and checks every login the way the service does. The demo starts and drives it through the
+// dev server's own library (devserver/cpp), as the tests and benchmarks do.
 //
 // Each step prints what happens; every wait is bounded, and the first step that fails ends the run with
 // exit status 1.
+#include "devserver/dev_server.hpp"
 #include "qnbrl/qnbrl.hpp"
-#include "support/devserver.hpp"
 
 #include <boost/json.hpp>
 
@@ -269,11 +269,11 @@ class User {
 class Demo {
  public:
   bool startServer() {
-    testing_support::DevServerOptions options;
+    devserver::DevServerOptions options;
     options.tavern = 3;  // three ws tavern servers, so that there is somewhere to fail over to
     options.tavernTls = 0;
     options.session = true;  // tavern servers check logins as the service does
-    server_ = std::make_unique<testing_support::DevServer>(options);
+    server_ = std::make_unique<devserver::DevServer>(options);
     if (!server_->ready())
       return fail("the dev server did not start (scripts/bootstrap.sh installs node and its modules)");
     say("dev server up; server discovery at " + server_->httpUrl() + " lists these tavern servers:");
@@ -368,7 +368,7 @@ class Demo {
     return text + (users.size() == 1 ? " is" : " are");
   }
 
-  std::unique_ptr<testing_support::DevServer> server_;
+  std::unique_ptr<devserver::DevServer> server_;
   std::vector<std::unique_ptr<User>> users_;  // after the server, so that they go first
 };
 

@@ -1,8 +1,9 @@
-// The test servers themselves: distinct listeners, a control channel that refuses bad requests,
+// The test servers themselves: distinct listeners, refusals that reach the test with their reason,
 // stop and restart on the same port, and nothing left running after the fixture is gone. What the
 // servers serve is exercised by the client tests that use them.
 #include "support/socketio_fixture.hpp"
 
+#include <gtest/gtest-spi.h>
 #include <signal.h>
 
 #include <cerrno>
@@ -12,27 +13,36 @@ namespace {
 
 using namespace testing_support;
 
-int portOf(const std::string& url) { return std::stoi(url.substr(url.rfind(':') + 1)); }
+int portOf(const std::string& url) {
+  return std::stoi(url.substr(url.rfind(':') + 1));
+}
 
-TEST(DevServer, DescribesDistinctListenersAndRefusesBadControlRequests) {
+// A raw request hands a refusal back; a typed call, a server that has gone and one that never gets
+// ready fail the running test with the reason.
+TEST(DevServer, DescribesDistinctListenersAndReportsRefusals) {
   DevServer dev;
   ASSERT_TRUE(dev.ready());
   ASSERT_EQ(dev.tavernUrls().size(), 2u);
   ASSERT_EQ(dev.tavernTlsUrls().size(), 1u);
   std::set<int> ports;
   for (const auto& u : dev.tavernUrls()) ports.insert(portOf(u));
-  for (const auto* u : {&dev.tavernTlsUrls()[0], &dev.silentUrl(), &dev.httpUrl(), &dev.httpsUrl(), &dev.blackholeUrl()}) {
+  for (const auto* u :
+       {&dev.tavernTlsUrls()[0], &dev.silentUrl(), &dev.httpUrl(), &dev.httpsUrl(), &dev.blackholeUrl()}) {
     ports.insert(portOf(*u));
   }
   EXPECT_EQ(ports.size(), 7u);
 
-  for (auto request : {boost::json::object{{"cmd", "no such command"}},
-                       boost::json::object{{"cmd", "connections"}, {"server", 99}}}) {
-    auto reply = dev.request(request);
-    EXPECT_EQ(reply.at("ok"), false);
-    EXPECT_TRUE(reply.at("error").is_string());
-  }
+  auto reply = dev.request({{"cmd", "no such command"}});
+  EXPECT_EQ(reply.at("ok"), false);
+  EXPECT_EQ(devserver::errorOf(reply), "unknown cmd \"no such command\"");
+  EXPECT_NONFATAL_FAILURE(dev.connections(99), "control request \"connections\" failed: no tavern server 99");
   EXPECT_TRUE(dev.connections(0).empty());  // still answering
+
+  dev.stop();
+  EXPECT_NONFATAL_FAILURE(dev.clear(), "failed: the server is not running");
+  DevServerOptions impatient;
+  impatient.startTimeout = std::chrono::milliseconds(1);
+  EXPECT_NONFATAL_FAILURE(DevServer late(impatient), "main.js: no ready line within 1 ms");
 }
 
 TEST(DevServer, StoppedTavernRefusesConnectionsAndRestartsOnItsPort) {

@@ -124,19 +124,16 @@ TEST_F(UploadTest, NothingIsLostWhileTheEndpointFails) {
     return false;
   };
 
-  server_->scriptCollection(CollectionAnswer().status(200));
+  // A refused file stays where it was (the unit tests check that it is offered again).
+  server_->scriptCollection(CollectionAnswer().status(200).times(1));
   tick(1);
-  tick(2);
-  auto uploads = server_->uploads();
-  EXPECT_EQ(uploads[0].body, uploads[1].body);  // the same oldest file, offered again
   EXPECT_TRUE(fs::is_empty(tmp.path() / "logan_bak"));
 
   // Once the endpoint accepts, every record arrives exactly once and in order. How many files that
   // takes depends on whether close-offs fell within one second (the later rename then fails and the
   // records stay in the working file).
-  server_->scriptCollection(CollectionAnswer().status(204));
   std::string received;
-  std::size_t sent = 2;
+  std::size_t sent = 1;
   while (somethingWaits() && sent < 10) {
     tick(++sent);
     received += text(server_->uploads().back().body);

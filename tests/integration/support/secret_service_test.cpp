@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 
 using namespace qnbrl;
 using testing::internal::CaptureStdout;
@@ -182,12 +183,15 @@ TEST(SecretServiceLocked, LockedKeyringRefusesQuicklyAndEachDeviceIdentifierIsFr
   ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
   ASSERT_GT(n, 0);
   self[n] = '\0';
+  // The child's stdout and stderr (its failures, a sanitizer's report) come back in the failure message,
+  // through a file: the private session's daemons could hold a pipe open after the child has gone.
+  const auto log = home.path() / "child.log";
   // No XDG_RUNTIME_DIR or GNOME_KEYRING_CONTROL: the daemon must not find the user's own keyring.
   std::string command = "timeout 60 env -u XDG_RUNTIME_DIR -u GNOME_KEYRING_CONTROL HOME='" +
                         home.path().string() +
                         "' QNBRL_LOCKED_KEYRING_CHILD=1 dbus-run-session -- sh -c "
                         "'printf pw | gnome-keyring-daemon --unlock --components=secrets >/dev/null && "
                         "exec \"$0\" --gtest_filter=SecretServiceLocked.*' '" +
-                        std::string(self) + "' 2>/dev/null";
-  EXPECT_EQ(std::system(command.c_str()), 0);
+                        std::string(self) + "' >'" + log.string() + "' 2>&1";
+  EXPECT_EQ(std::system(command.c_str()), 0) << std::ifstream(log).rdbuf();
 }

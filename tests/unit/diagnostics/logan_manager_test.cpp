@@ -143,9 +143,6 @@ TEST_F(RecorderTest, SettersFillOrRemoveCommonParameters) {
   recorder->setUId(std::nullopt);
   recorder->connectState(2, 1);
   EXPECT_FALSE(lastEvent().contains("uid"));
-  recorder->setUId(std::string("again"));
-  recorder->connectState(2, 1);
-  EXPECT_EQ(lastEvent().at("uid"), "again");
 }
 
 TEST_F(RecorderTest, SessionIdentifiers) {

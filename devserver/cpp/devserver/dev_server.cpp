@@ -1,25 +1,12 @@
-#include "support/devserver.hpp"
+#include "devserver/dev_server.hpp"
 
-#include "support/wait.hpp"
-
-#include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <boost/json/serialize.hpp>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <cstdio>
+#include <thread>
 
-#include <cerrno>
-#include <cstring>
-
-extern char** environ;
-
-namespace testing_support {
+namespace devserver {
 namespace json = boost::json;
 using namespace std::chrono_literals;
 
@@ -54,222 +41,10 @@ std::optional<Bytes> bytesFrom(const json::value& value) {
 std::string testCaFile() {
   return QNBRL_SOURCE_DIR "/tests/data/tls/ca.pem";
 }
-// ---- ChildProcess ----
-
-namespace {
-
-// Keeps our descriptors off 0..2, so that dup2 onto the child's standard streams always clears
-// close-on-exec even when the test runs without a standard input.
-int aboveStdio(int fd) {
-  if (fd < 0 || fd > 2) return fd;
-  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-  close(fd);
-  return moved;
-}
-
-void closeFd(int& fd) {
-  if (fd >= 0) close(fd);
-  fd = -1;
-}
-
-// Waits up to `limit` for the child to exit, without reaping it. Without pidfd support (Linux < 5.3) it
-// reports false at once, and the caller goes straight to SIGKILL.
-bool waitExit(pid_t pid, std::chrono::milliseconds limit) {
-  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return false;
-  pollfd p{pidfd, POLLIN, 0};
-  int rc;
-  do {
-    rc = poll(&p, 1, static_cast<int>(limit.count()));
-  } while (rc < 0 && errno == EINTR);
-  close(pidfd);
-  return rc > 0;
-}
-
-}  // namespace
-
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, LineHandler onLine, EndHandler onEnd,
-                           const std::string& stderrPath) {
-  if (argv.empty()) return;
-  // stdin is a socket so that writing to a child that has gone fails with EPIPE (MSG_NOSIGNAL) instead
-  // of raising SIGPIPE in the test process.
-  int in[2];
-  int out[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, in) != 0) return;
-  if (pipe2(out, O_CLOEXEC) != 0) {
-    close(in[0]);
-    close(in[1]);
-    return;
-  }
-  for (int* fd : {&in[0], &in[1], &out[0], &out[1]}) *fd = aboveStdio(*fd);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[1], 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  if (!stderrPath.empty()) {
-    posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  }
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(in[1]);
-  close(out[1]);
-  if (rc != 0) {
-    ADD_FAILURE() << "cannot start " << argv[0] << ": " << std::strerror(rc);
-    close(in[0]);
-    close(out[0]);
-    return;
-  }
-  pid_ = pid;
-  stdinFd_ = in[0];
-  stdoutFd_ = out[0];
-  reader_ =
-      std::thread([this, onLine = std::move(onLine), onEnd = std::move(onEnd)] { readLoop(onLine, onEnd); });
-}
-
-ChildProcess::~ChildProcess() {
-  stop();
-}
-
-void ChildProcess::readLoop(LineHandler onLine, EndHandler onEnd) {
-  std::string pending;
-  char buf[65536];
-  for (;;) {
-    const ssize_t n = read(stdoutFd_, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    pending.append(buf, static_cast<std::size_t>(n));
-    std::size_t start = 0;
-    for (std::size_t nl; (nl = pending.find('\n', start)) != std::string::npos; start = nl + 1) {
-      onLine(pending.substr(start, nl - start));
-    }
-    pending.erase(0, start);
-  }
-  if (!pending.empty()) onLine(std::move(pending));
-  onEnd();
-}
-
-bool ChildProcess::writeLine(std::string_view line) {
-  std::string data(line);
-  data.push_back('\n');
-  std::lock_guard lock(writeMutex_);
-  std::size_t done = 0;
-  while (done < data.size()) {
-    if (stdinFd_ < 0) return false;
-    const ssize_t n = send(stdinFd_, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-int ChildProcess::stop(std::chrono::milliseconds grace) {
-  std::lock_guard stopLock(stopMutex_);
-  if (pid_ <= 0 || reaped_) return status_;
-  {
-    std::lock_guard lock(writeMutex_);
-    closeFd(stdinFd_);
-  }
-  kill(pid_, SIGTERM);
-  if (!waitExit(pid_, grace)) kill(pid_, SIGKILL);
-  int status = 0;
-  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  status_ = status;
-  reaped_ = true;
-  if (reader_.joinable()) reader_.join();
-  closeFd(stdoutFd_);
-  return status_;
-}
-
-// ---- ControlledProcess ----
-
-ControlledProcess::ControlledProcess(const std::vector<std::string>& argv, const std::string& stderrPath,
-                                     std::chrono::milliseconds readyTimeout) {
-  child_ = std::make_unique<ChildProcess>(
-      argv, [this](std::string line) { onLine(std::move(line)); }, [this] { onEnd(); }, stderrPath);
-  if (!child_->started()) return;
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, readyTimeout, [&] { return pendingReady_.has_value() || ended_; });
-  if (pendingReady_) {
-    readyLine_ = std::move(*pendingReady_);
-    ready_ = true;
-  } else {
-    ADD_FAILURE() << argv.back() << ": no ready line" << (ended_ ? " (the process exited)" : " in time");
-  }
-}
-
-ControlledProcess::~ControlledProcess() {
-  child_->stop();
-}
-
-void ControlledProcess::onLine(std::string line) {
-  boost::system::error_code ec;
-  json::value v = json::parse(line, ec);
-  json::object* obj = ec ? nullptr : v.if_object();
-  if (!obj) {
-    std::fprintf(stderr, "[fixture] unexpected output: %s\n", line.c_str());
-    return;
-  }
-  std::lock_guard lock(mutex_);
-  if (const auto* r = obj->if_contains("ready"); r && r->is_bool() && r->get_bool()) {
-    pendingReady_ = std::move(*obj);
-  } else if (const auto* id = obj->if_contains("id"); id && id->is_int64()) {
-    replies_[id->get_int64()] = std::move(*obj);
-  } else {
-    std::fprintf(stderr, "[fixture] reply without id: %s\n", line.c_str());
-    return;
-  }
-  changed_.notify_all();
-}
-
-void ControlledProcess::onEnd() {
-  std::lock_guard lock(mutex_);
-  ended_ = true;
-  changed_.notify_all();
-}
-
-json::object ControlledProcess::request(json::object req, std::chrono::milliseconds timeout) {
-  std::int64_t id;
-  {
-    std::lock_guard lock(mutex_);
-    id = nextId_++;
-  }
-  req["id"] = id;
-  auto failure = [&](const char* why) { return json::object{{"id", id}, {"ok", false}, {"error", why}}; };
-  if (!child_->writeLine(json::serialize(req))) return failure("the server is not running");
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, timeout, [&] { return replies_.count(id) != 0 || ended_; });
-  auto it = replies_.find(id);
-  if (it == replies_.end()) return failure(ended_ ? "the server exited" : "no reply in time");
-  json::object reply = std::move(it->second);
-  replies_.erase(it);
-  return reply;
-}
-
-json::object ControlledProcess::call(json::object req, std::chrono::milliseconds timeout) {
-  const std::string cmd = req.contains("cmd") ? json::serialize(req.at("cmd")) : "?";
-  json::object reply = request(std::move(req), timeout);
-  if (const auto* ok = reply.if_contains("ok"); !ok || !ok->is_bool() || !ok->get_bool()) {
-    const auto* err = reply.if_contains("error");
-    ADD_FAILURE() << "control request " << cmd << " failed: " << (err ? json::serialize(*err) : "?");
-  }
-  return reply;
-}
 
 // ---- reading replies ----
 
 namespace {
-
-bool isOk(const json::object& reply) {
-  const auto* ok = reply.if_contains("ok");
-  return ok && ok->is_bool() && ok->get_bool();
-}
 
 std::string str(const json::object& o, std::string_view key) {
   const auto* v = o.if_contains(key);
@@ -362,9 +137,46 @@ DiscoveryAnswer& DiscoveryAnswer::servers(const std::vector<std::string>& urls) 
   return set("servers", std::move(list));
 }
 
+// ---- ControlledServer ----
+
+ControlledServer::ControlledServer(const std::vector<std::string>& argv, const std::string& stderrPath,
+                                   std::chrono::milliseconds startTimeout, ErrorHook onError)
+    : onError_(std::move(onError)), channel_(argv, stderrPath, startTimeout) {
+  if (!channel_.ready()) fail(channel_.startError());
+}
+
+json::object ControlledServer::request(json::object req, std::chrono::milliseconds timeout) {
+  return channel_.request(std::move(req), timeout);
+}
+
+json::object ControlledServer::call(json::object req, std::chrono::milliseconds timeout) {
+  const std::string cmd = req.contains("cmd") ? json::serialize(req.at("cmd")) : "?";
+  json::object reply = request(std::move(req), timeout);
+  if (!isOk(reply)) fail("control request " + cmd + " failed: " + errorOf(reply));
+  return reply;
+}
+
+void ControlledServer::fail(const std::string& reason) const {
+  if (onError_) {
+    onError_(reason);
+  } else {
+    std::fprintf(stderr, "[devserver] %s\n", reason.c_str());
+  }
+}
+
 // ---- DevServer ----
 
 namespace {
+
+// Polls `pred` until it holds or `limit` has passed; the servers answer within a millisecond or so.
+bool pollUntil(const std::function<bool()>& pred, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
 
 std::vector<std::string> devServerArgv(const DevServerOptions& o) {
   json::object opts{
@@ -374,7 +186,9 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
       {"pingTimeout", o.pingTimeout.count()},
       {"perMessageDeflate", o.perMessageDeflate},
       {"maxHttpBufferSize", o.maxHttpBufferSize},
-      {"cert", o.untrustedCert ? "untrusted" : o.wrongHostCert ? "wronghost" : "trusted"},
+      {"cert", o.untrustedCert   ? "untrusted"
+               : o.wrongHostCert ? "wronghost"
+                                 : "trusted"},
       {"session", o.session},
       {"record", o.record},
       {"verbose", o.verbose},
@@ -385,8 +199,9 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
 }  // namespace
 
 DevServer::DevServer(DevServerOptions options)
-    : process_(devServerArgv(options), options.stderrPath, options.startTimeout) {
-  const auto& r = process_.readyLine();
+    : ControlledServer(devServerArgv(options), options.stderrPath, options.startTimeout,
+                       std::move(options.onError)) {
+  const auto& r = readyLine();
   tavernUrls_ = strings(r, "tavern");
   tavernTlsUrls_ = strings(r, "tavernTls");
   silentUrl_ = str(r, "silent");
@@ -400,16 +215,6 @@ DevServer::DevServer(DevServerOptions options)
   blackholeUrl_ = str(r, "blackhole");
 }
 
-DevServer::~DevServer() = default;
-
-json::object DevServer::request(json::object req, std::chrono::milliseconds timeout) {
-  return process_.request(std::move(req), timeout);
-}
-
-json::object DevServer::call(json::object req, std::chrono::milliseconds timeout) {
-  return process_.call(std::move(req), timeout);
-}
-
 std::vector<Connection> DevServer::connections(int server, bool connectedOnly) {
   return connectionsFrom(
       call({{"cmd", "connections"}, {"server", server}, {"connectedOnly", connectedOnly}}));
@@ -418,10 +223,10 @@ std::vector<Connection> DevServer::connections(int server, bool connectedOnly) {
 std::optional<Connection> DevServer::awaitConnection(int server, std::size_t wanted,
                                                      std::chrono::milliseconds limit) {
   std::vector<Connection> live;
-  if (waitUntil([&] { return (live = connections(server, true)).size() >= wanted; }, limit)) {
+  if (pollUntil([&] { return (live = connections(server, true)).size() >= wanted; }, limit)) {
     return std::move(live.back());
   }
-  ADD_FAILURE() << "tavern " << server << ": fewer than " << wanted << " live connections";
+  fail("tavern " + std::to_string(server) + ": fewer than " + std::to_string(wanted) + " live connections");
   return std::nullopt;
 }
 
@@ -467,8 +272,8 @@ std::vector<Login> DevServer::logins(bool clear) {
 
 std::vector<Login> DevServer::awaitLogins(std::size_t wanted, std::chrono::milliseconds limit) {
   std::vector<Login> all;
-  if (waitUntil([&] { return (all = logins()).size() >= wanted; }, limit)) return all;
-  ADD_FAILURE() << "fewer than " << wanted << " logins";
+  if (pollUntil([&] { return (all = logins()).size() >= wanted; }, limit)) return all;
+  fail("fewer than " + std::to_string(wanted) + " logins");
   return {};
 }
 
@@ -595,26 +400,20 @@ std::vector<std::string> pythonServerArgv(const PythonServerOptions& o) {
 }  // namespace
 
 PythonServer::PythonServer(PythonServerOptions options)
-    : process_(pythonServerArgv(options), options.stderrPath, options.startTimeout),
-      url_(str(process_.readyLine(), "url")) {}
-
-PythonServer::~PythonServer() = default;
-
-json::object PythonServer::request(json::object req, std::chrono::milliseconds timeout) {
-  return process_.request(std::move(req), timeout);
-}
+    : ControlledServer(pythonServerArgv(options), options.stderrPath, options.startTimeout,
+                       std::move(options.onError)),
+      url_(str(readyLine(), "url")) {}
 
 std::vector<Connection> PythonServer::connections() {
-  return connectionsFrom(process_.call({{"cmd", "connections"}}, 10s));
+  return connectionsFrom(call({{"cmd", "connections"}}));
 }
 
 bool PythonServer::push(const std::string& sid, const std::string& event, json::array args) {
-  return isOk(
-      process_.call({{"cmd", "push"}, {"sid", sid}, {"event", event}, {"args", std::move(args)}}, 10s));
+  return isOk(call({{"cmd", "push"}, {"sid", sid}, {"event", event}, {"args", std::move(args)}}));
 }
 
 bool PythonServer::disconnect(const std::string& sid) {
-  return isOk(process_.call({{"cmd", "disconnect"}, {"sid", sid}}, 10s));
+  return isOk(call({{"cmd", "disconnect"}, {"sid", sid}}));
 }
 
-}  // namespace testing_support
+}  // namespace devserver
