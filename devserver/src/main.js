@@ -1,6 +1,7 @@
 'use strict';
 // The development server: tavern Socket.IO servers (ws, wss and one silent), the discovery and collection
-// HTTP(S) endpoints, a raw WebSocket echo and a black-hole port, all on 127.0.0.1 ephemeral ports.
+// HTTP(S) endpoints, a raw WebSocket echo, a black-hole port and a server that answers out of order, all
+// on 127.0.0.1 ephemeral ports.
 // Prints one JSON line describing them on stdout, then serves the control interface on stdin/stdout.
 //   node devserver/src/main.js [--tavern 2 --tavernTls 1 ...] | ['{"tavern":2,...}']
 const options = require('./options');
@@ -13,6 +14,7 @@ const { Discovery } = require('./discovery');
 const { Collection } = require('./collection');
 const { HttpEndpoints } = require('./http');
 const { startBlackhole } = require('./blackhole');
+const { startHostile } = require('./hostile');
 const { serveControl } = require('./control');
 
 async function main() {
@@ -45,6 +47,7 @@ async function main() {
   const http = new HttpEndpoints({ routes: [discovery, collection], credentials, options: opts });
   await http.start();
   const blackhole = await startBlackhole();
+  const hostile = await startHostile();
 
   const describe = () => ({
     pid: process.pid,
@@ -54,6 +57,7 @@ async function main() {
     silentId: silent.id,
     ...http.urls,
     blackhole: blackhole.url,
+    hostile: hostile.url,
     cert: opts.cert,
   });
   process.stdout.write(`${JSON.stringify({ ready: true, ...describe() })}\n`);

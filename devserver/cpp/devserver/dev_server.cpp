@@ -213,6 +213,7 @@ DevServer::DevServer(DevServerOptions options)
   echoUrl_ = str(r, "echo");
   echoTlsUrl_ = str(r, "echoTls");
   blackholeUrl_ = str(r, "blackhole");
+  hostileUrl_ = str(r, "hostile");
 }
 
 std::vector<Connection> DevServer::connections(int server, bool connectedOnly) {

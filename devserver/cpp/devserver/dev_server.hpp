@@ -236,6 +236,8 @@ class DevServer : public ControlledServer {
   const std::string& echoUrl() const { return echoUrl_; }    // ws://127.0.0.1:p/echo
   const std::string& echoTlsUrl() const { return echoTlsUrl_; }
   const std::string& blackholeUrl() const { return blackholeUrl_; }
+  // A WebSocket server that sends "40{sid}" before (instead of) the open packet, then nothing.
+  const std::string& hostileUrl() const { return hostileUrl_; }
 
   // Connections of one tavern server, oldest first.
   std::vector<Connection> connections(int server, bool connectedOnly = false);
@@ -290,7 +292,7 @@ class DevServer : public ControlledServer {
 
  private:
   std::vector<std::string> tavernUrls_, tavernTlsUrls_;
-  std::string silentUrl_, httpUrl_, httpsUrl_, echoUrl_, echoTlsUrl_, blackholeUrl_;
+  std::string silentUrl_, httpUrl_, httpsUrl_, echoUrl_, echoTlsUrl_, blackholeUrl_, hostileUrl_;
   int silentId_ = -1;
 };
 

@@ -120,6 +120,15 @@ TEST_F(SessionTest, ConnectTimeOutsFailOverAndTheLastOneEndsTheLoginWith9) {
   EXPECT_EQ(login(*other, "erin"), 0);
 }
 
+TEST_F(SessionTest, AServerThatAnswersOutOfOrderIsLeftForTheNext) {
+  // The connect reply before any open packet, then silence: taken as connected, the login would hang.
+  ASSERT_TRUE(server_->scriptDiscovery(DiscoveryAnswer().servers({server_->hostileUrl(), server_->tavernUrls()[B]})));
+  Listener listener;
+  auto kit = makeKit(listener);
+  EXPECT_EQ(login(*kit, "dora"), 0);
+  EXPECT_EQ(serversTried(*server_), (std::vector<int>{B}));
+}
+
 TEST_F(SessionTest, DiscoveryWithoutServersEndsWith9AndNoFurtherChange) {
   ASSERT_TRUE(server_->scriptDiscovery(DiscoveryAnswer().code(500).times(1)));
   Listener listener;
