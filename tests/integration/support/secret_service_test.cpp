@@ -1,8 +1,6 @@
-// The secure store against a real Secret Service. Run under a private session bus with an unlocked
-// keyring, for example:
-//   HOME=$(mktemp -d) dbus-run-session -- sh -c 'printf pw | gnome-keyring-daemon --unlock
-//     --components=secrets >/dev/null; ctest -L integration'   (one line)
-// Without one the tests skip, except the locked-keyring test, which starts a session of its own.
+// The secure store against a real Secret Service, under a private session bus with an unlocked keyring
+// (scripts/test.sh provides one). Without one the tests skip, except the locked-keyring test, which
+// starts a session of its own.
 #include "support/keychain_store.hpp"
 #include "support/temp_dir.hpp"
 #include "support/uuid_helper.hpp"
@@ -137,6 +135,11 @@ TEST_F(SecretServiceTest, StoresReplacesAndDeletesUnderServiceAndAccount) {
   EXPECT_EQ(QNKeyChainStore::stringForKey("k"), "second \xC3\xA9");
   // Other Secret Service clients see the item, with the value as text.
   EXPECT_EQ(lookupAsAnotherClient(service, "k"), "second \xC3\xA9");
+
+  // The empty service name is a service of its own.
+  QNKeyChainStore::setDefaultService("");
+  ASSERT_TRUE(QNKeyChainStore::setString("nameless", "k"));
+  QNKeyChainStore::setDefaultService(service);
   EXPECT_TRUE(QNKeyChainStore::deleteKey("k"));
   CaptureStdout();
   EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
@@ -144,15 +147,7 @@ TEST_F(SecretServiceTest, StoresReplacesAndDeletesUnderServiceAndAccount) {
   EXPECT_EQ(GetCapturedStdout(),
             "SecItemCopyMatching error, status: 3 00000003      \n"
             "SecItemDelete error, status: 3 00000003      \n");
-
-  // The empty service name is a service of its own.
-  QNKeyChainStore::setDefaultService("");
-  ASSERT_TRUE(QNKeyChainStore::setString("nameless", "k"));
   EXPECT_EQ(lookupAsAnotherClient("", "k"), "nameless");
-  QNKeyChainStore::setDefaultService(service);
-  CaptureStdout();
-  EXPECT_EQ(QNKeyChainStore::stringForKey("k"), std::nullopt);
-  GetCapturedStdout();
 }
 
 // Locking the shared keyring would disturb other tests, so this one starts a private session bus

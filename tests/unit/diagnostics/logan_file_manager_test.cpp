@@ -39,14 +39,14 @@ std::string localStamp() {
 class LoganFileStore : public ::testing::Test {
  protected:
   std::string at(const std::string& name) const { return (tmp.path() / name).string(); }
-  std::set<std::string> entries(const std::string& dir = "logan") const {
+  // The closed-off files: every entry of the directory but the working file.
+  std::set<std::string> closed() const {
     std::set<std::string> names;
-    for (const auto& e : fs::directory_iterator(at(dir))) names.insert(e.path().filename().string());
+    for (const auto& e : fs::directory_iterator(at("logan"))) names.insert(e.path().filename().string());
+    EXPECT_EQ(names.erase("logan"), 1u);
     return names;
   }
-  std::shared_ptr<QNLoganFileManager> open(bool backup = false) {
-    return QNLoganFileManager::create(at("logan"), backup);
-  }
+  std::shared_ptr<QNLoganFileManager> open() { return QNLoganFileManager::create(at("logan"), false); }
   static void writeRecords(QNLoganFileManager& store, int from, int count) {
     for (int i = from; i < from + count; ++i) store.writeLog("record " + std::to_string(i));
     store.queue()->sync([] {});
@@ -56,12 +56,21 @@ class LoganFileStore : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(LoganFileStore, CreationMakesDirectoryBackupSiblingAndWorkingFile) {
-  auto store = QNLoganFileManager::create(at("nested/logan"), true);
-  EXPECT_TRUE(fs::is_directory(at("nested/logan_bak")));
-  EXPECT_EQ(store->loganBackupDirPath(), at("nested/logan_bak"));
-  EXPECT_EQ(store->loganFileToWrite(), at("nested/logan/logan"));
-  EXPECT_TRUE(fs::is_regular_file(store->loganFileToWrite()));
+TEST_F(LoganFileStore, StartUpMakesTheDirectoriesDropsEmptyLeftoversAndAppendsToTheWorkingFile) {
+  fs::create_directories(at("logan"));
+  writeFile(at("logan/2020_01_01_00_00_00"), "");
+  writeFile(at("logan/2020_01_01_00_00_01"), "kept\n");
+  writeFile(at("logan/logan"), "from before\n");
+  auto store = QNLoganFileManager::create(at("logan"), true);
+  EXPECT_EQ(closed(), std::set<std::string>{"2020_01_01_00_00_01"});
+  EXPECT_EQ(store->loganFileToWrite(), at("logan/logan"));
+  writeRecords(*store, 1, 1);
+  EXPECT_EQ(readLines(store->loganFileToWrite()), (Lines{"from before", "record 1"}));
+
+  auto fresh = QNLoganFileManager::create(at("nested/logan"), true);
+  EXPECT_TRUE(fs::is_regular_file(at("nested/logan/logan")));
+  EXPECT_TRUE(fs::is_directory(fresh->loganBackupDirPath()));
+  EXPECT_EQ(fresh->loganBackupDirPath(), at("nested/logan_bak"));
   // A trailing separator names the same directory, so the backup is still its sibling.
   EXPECT_EQ(QNLoganFileManager::create(at("other/"), false)->loganBackupDirPath(), at("other_bak"));
 }
@@ -69,26 +78,24 @@ TEST_F(LoganFileStore, CreationMakesDirectoryBackupSiblingAndWorkingFile) {
 TEST_F(LoganFileStore, FirstFileClosesAfter99RecordsUnderTheLocalTimeThenEveryFileHolds100) {
   auto store = open();
   writeRecords(*store, 1, 99);
-  EXPECT_EQ(entries(), std::set<std::string>{"logan"});
+  EXPECT_TRUE(closed().empty());
   auto before = localStamp();
   writeRecords(*store, 100, 1);
   auto after = localStamp();
-  auto names = entries();
-  ASSERT_EQ(names.size(), 2u);
-  names.erase("logan");
-  auto closed = *names.begin();
-  EXPECT_TRUE(closed == before || closed == after) << closed;
-  auto closedLines = readLines(at("logan/" + closed));
-  ASSERT_EQ(closedLines.size(), 99u);
-  EXPECT_EQ(closedLines.front(), "record 1");
-  EXPECT_EQ(closedLines.back(), "record 99");
+  auto names = closed();
+  ASSERT_EQ(names.size(), 1u);
+  const auto& name = *names.begin();
+  EXPECT_TRUE(name == before || name == after) << name;
+  auto lines = readLines(at("logan/" + name));
+  ASSERT_EQ(lines.size(), 99u);
+  EXPECT_EQ(lines.front(), "record 1");
+  EXPECT_EQ(lines.back(), "record 99");
   EXPECT_EQ(readLines(store->loganFileToWrite()), Lines{"record 100"});
-
-  // The record that triggered the rotation sits in the fresh file with the counter at 0, so the
-  // next 99 fill it to 100 without another rotation.
+  // The record that triggered the close-off starts the fresh file with the counter at 0, so the
+  // next 99 fill it to 100 without another close-off.
   writeRecords(*store, 101, 99);
   EXPECT_EQ(readLines(store->loganFileToWrite()).size(), 100u);
-  EXPECT_EQ(entries().size(), 2u);
+  EXPECT_EQ(closed().size(), 1u);
 }
 
 TEST_F(LoganFileStore, RenameCollisionKeepsBothFilesAndWritingGoesOn) {
@@ -103,22 +110,16 @@ TEST_F(LoganFileStore, RenameCollisionKeepsBothFilesAndWritingGoesOn) {
     if (!collided) fs::remove(target);
   }
   ASSERT_TRUE(collided);
-  auto names = entries();
-  names.erase("logan");
+  auto names = closed();
   ASSERT_EQ(names.size(), 1u);
   EXPECT_EQ(readLines(at("logan/" + *names.begin())), Lines{"earlier"});
-  EXPECT_EQ(readLines(store->loganFileToWrite()).size(), 3u);
   EXPECT_EQ(store->writeCount(), 0);
   writeRecords(*store, 4, 1);
-  EXPECT_EQ(readLines(store->loganFileToWrite()).back(), "record 4");
+  EXPECT_EQ(readLines(store->loganFileToWrite()), (Lines{"record 1", "record 2", "record 3", "record 4"}));
 }
 
 TEST_F(LoganFileStore, WaitingFilesAreOfferedOldestCreatedFirst) {
   auto store = open();
-  // Only an empty working file: nothing to send and nothing closed off.
-  EXPECT_EQ(store->getWaitUploadFilePath(), std::nullopt);
-  EXPECT_EQ(entries(), std::set<std::string>{"logan"});
-
   // Created in this order, named in the opposite order: creation date decides, not the name. File
   // times have the kernel's coarse tick, so the second is recreated until it is really later.
   const auto older = at("logan/2030_01_01_00_00_00"), newer = at("logan/2020_01_01_00_00_00");
@@ -146,25 +147,14 @@ TEST_F(LoganFileStore, WaitingFilesAreOfferedOldestCreatedFirst) {
   EXPECT_EQ(fs::file_size(store->loganFileToWrite()), 0u);
 }
 
-TEST_F(LoganFileStore, StartUpRemovesEmptyLeftoversAndAppendsToTheOldWorkingFile) {
-  fs::create_directories(at("logan"));
-  writeFile(at("logan/2020_01_01_00_00_00"), "");
-  writeFile(at("logan/2020_01_01_00_00_01"), "kept\n");
-  writeFile(at("logan/logan"), "from before\n");
-  auto store = open();
-  EXPECT_EQ(entries(), (std::set<std::string>{"logan", "2020_01_01_00_00_01"}));
-  writeRecords(*store, 1, 1);
-  EXPECT_EQ(readLines(store->loganFileToWrite()), (Lines{"from before", "record 1"}));
-}
-
 TEST_F(LoganFileStore, MoveToBackupKeepsTheNameAndReplacesAnEarlierCopy) {
-  auto store = open(true);
+  auto store = QNLoganFileManager::create(at("logan"), true);
   // A name already in the backup is replaced, so the accepted file never stays behind to be sent
   // again; a missing file is only reported.
   for (const char* content : {"sent", "again"}) {
     writeFile(at("logan/2020_01_01_00_00_00"), std::string(content) + "\n");
     store->moveToBackupWithFilePath(at("logan/2020_01_01_00_00_00"));
-    EXPECT_FALSE(fs::exists(at("logan/2020_01_01_00_00_00")));
+    EXPECT_TRUE(closed().empty());
     EXPECT_EQ(readLines(at("logan_bak/2020_01_01_00_00_00")), Lines{content});
   }
   store->moveToBackupWithFilePath(at("logan/nothing"));

@@ -1,8 +1,7 @@
 #include "diagnostics/logan_manager.hpp"
 
 #include "diagnostics/logan_file_manager.hpp"
-#include "diagnostics/logan_uploader.hpp"
-#include "socketio/clock.hpp"
+#include "support/socketio_fixture.hpp"
 #include "support/temp_dir.hpp"
 #include "support/text.hpp"
 
@@ -11,36 +10,28 @@
 #include <boost/json/serialize.hpp>
 
 #include <fstream>
+#include <limits>
 #include <regex>
 
 using namespace qnbrl;
-using testing_support::TempDir;
+namespace json = boost::json;
 
 namespace {
 
-// The keys of a JSON object in their written order, joined by commas.
-std::string keyList(const boost::json::object& o) {
-  std::string out;
-  for (const auto& kv : o) out += (out.empty() ? "" : ",") + std::string(kv.key());
-  return out;
+// The JSON text of an object whose values under the given keys, where present, read "*".
+std::string masked(json::object o, std::initializer_list<const char*> keys) {
+  for (const char* key : keys) {
+    if (auto* v = o.if_contains(key)) *v = "*";
+  }
+  return json::serialize(o);
 }
 
 class RecorderTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    sio::Clock::install(clock);
-    recorder = std::make_unique<LoganManager>((tmp.path() / "logan").string(), "dev-1");
-  }
-  void TearDown() override {
-    recorder.reset();
-    sio::Clock::install(nullptr);
-  }
-
-  // Every envelope written so far, and its parsed content.
+  // Every record written so far: its line, its envelope and the event parsed from its content.
   struct Record {
     std::string line;
-    boost::json::object envelope;
-    boost::json::object event;
+    json::object envelope, event;
   };
   std::vector<Record> records() {
     auto store =
@@ -49,109 +40,91 @@ class RecorderTest : public ::testing::Test {
     std::ifstream in(store->loganFileToWrite());
     std::vector<Record> out;
     for (std::string line; std::getline(in, line);) {
-      Record r{line, boost::json::parse(line).as_object(), {}};
-      r.event = boost::json::parse(r.envelope.at("content").as_string()).as_object();
-      out.push_back(std::move(r));
+      auto envelope = json::parse(line).as_object();
+      out.push_back({line, envelope, json::parse(envelope.at("content").as_string()).as_object()});
     }
     return out;
   }
-  boost::json::object lastEvent() {
+  json::object lastEvent() {
     auto all = records();
-    return all.empty() ? boost::json::object{} : all.back().event;
+    return all.empty() ? json::object{} : all.back().event;
   }
 
-  std::shared_ptr<sio::ManualClock> clock = std::make_shared<sio::ManualClock>();
-  TempDir tmp;
-  std::unique_ptr<LoganManager> recorder;
+  testing_support::ManualTime time;  // holds the recorder's upload timer
+  testing_support::TempDir tmp;
+  std::unique_ptr<LoganManager> recorder =
+      std::make_unique<LoganManager>((tmp.path() / "logan").string(), "dev-1");
 };
 
 }  // namespace
 
-TEST_F(RecorderTest, EveryEventHasTheCommonParametersThenItsOwnFieldsInOrder) {
+TEST_F(RecorderTest, EachEventIsTheCommonParametersThenItsOwnFieldsInAnEnvelope) {
+  recorder->tsGetServers = 15;
+  recorder->tsConnectServer = 16;
   recorder->startLogan("tok", "alice", 1700000000000);
-  recorder->loginResult(0, 0);
-  recorder->logout(0, 0);
-  recorder->joinChannel(0, "c1", 0);
-  recorder->leaveChannel(0, "c1", 0);
-  recorder->userAttributes(QNLoganActionStringSet, "iface", 1, 2);
-  recorder->channelAttributes("c1", QNLoganActionStringDelete, "iface", 1, 2);
+  recorder->loginResult(std::numeric_limits<std::uint64_t>::max(), -1);
+  recorder->logout(5, 3);
+  recorder->joinChannel(1, "c1", 2);
+  recorder->leaveChannel(3, "c1", 4);
+  recorder->userAttributes(QNLoganActionStringSet, "api", 1, 2);
+  recorder->channelAttributes("c1", QNLoganActionStringDelete, "api", 1, 2);
   recorder->connectState(3, 2);
-  auto all = records();
-  ASSERT_EQ(all.size(), 8u);
-  // Each type's own fields in order, and the exact JSON ending of the ones that carry no durations.
-  const struct {
-    const char *type, *fields, *ending;
-  } expected[] = {
-      {"StartLogin", "loginParams",
-       R"("loginParams":{"token":"tok","uid":"alice","timestamp":1700000000000}})"},
-      {"LoginResult", "result,errorCode,totalElapsed,elapsedInfo", "}"},
-      {"Logout", "result,errorCode,elapsed", "}"},
-      {"JoinChannel", "channelId,channelSessionId,result,errorCode,elapsed", "}"},
-      {"LeaveChannel", "channelId,channelSessionId,result,errorCode,elapsed", "}"},
-      {"UserAttributes", "result,errorCode,action,interface",
-       R"("result":1,"errorCode":2,"action":"set","interface":"iface"})"},
-      {"ChannelAttributes", "channelId,action,interface,result,errorCode",
-       R"("channelId":"c1","action":"delete","interface":"iface","result":1,"errorCode":2})"},
-      {"ConnectState", "state,reason", R"("type":"ConnectState","state":3,"reason":2})"},
+  // Time stamps, durations and the channel session vary from run to run and are masked.
+  const std::string common =
+      R"({"uid":"","appId":"","os":"linux","platform":"native","sdkVer":"*","deviceId":"dev-1",)"
+      R"("clientSessionId":"","timestamp":"*","type":)";
+  const char* const own[] = {
+      R"("StartLogin","loginParams":{"token":"tok","uid":"alice","timestamp":1700000000000}})",
+      R"("LoginResult","result":18446744073709551615,"errorCode":-1,"totalElapsed":"*",)"
+      R"("elapsedInfo":{"getServers":15,"connectServer":16}})",
+      R"("Logout","result":5,"errorCode":3,"elapsed":"*"})",
+      R"("JoinChannel","channelId":"c1","channelSessionId":"*","result":1,"errorCode":2,"elapsed":"*"})",
+      R"("LeaveChannel","channelId":"c1","channelSessionId":"*","result":3,"errorCode":4,"elapsed":"*"})",
+      R"("UserAttributes","result":1,"errorCode":2,"action":"set","interface":"api"})",
+      R"("ChannelAttributes","channelId":"c1","action":"delete","interface":"api","result":1,"errorCode":2})",
+      R"("ConnectState","state":3,"reason":2})",
   };
+  auto all = records();
+  ASSERT_EQ(all.size(), std::size(own));
   for (std::size_t i = 0; i < all.size(); ++i) {
-    SCOPED_TRACE(expected[i].type);
-    auto envelope = all[i].envelope;
-    auto event = all[i].event;
-    const std::string content(envelope.at("content").as_string());
-    EXPECT_EQ(keyList(envelope), "logType,deviceId,os,timestamp,encrypt,content");
-    EXPECT_EQ(keyList(event),
-              std::string("uid,appId,os,platform,sdkVer,deviceId,clientSessionId,timestamp,type,") +
-                  expected[i].fields);
-    EXPECT_NEAR(static_cast<double>(event.at("timestamp").as_int64()),
-                static_cast<double>(currentTimeStamp()), 60000);
-    envelope.erase("timestamp");
-    envelope.erase("content");
-    EXPECT_EQ(boost::json::serialize(envelope),
-              R"({"logType":1,"deviceId":"dev-1","os":"linux","encrypt":false})");
-    EXPECT_TRUE(content.starts_with(
-        R"({"uid":"","appId":"","os":"linux","platform":"native","sdkVer":"sdkVersion/)"));
-    EXPECT_EQ(event.at("deviceId"), "dev-1");
-    EXPECT_EQ(event.at("type"), expected[i].type);
-    EXPECT_TRUE(content.ends_with(expected[i].ending)) << content;
+    const auto& [line, envelope, event] = all[i];
+    SCOPED_TRACE(line);
+    EXPECT_EQ(
+        masked(envelope, {"timestamp", "content"}),
+        R"({"logType":1,"deviceId":"dev-1","os":"linux","timestamp":"*","encrypt":false,"content":"*"})");
+    EXPECT_EQ(masked(event, {"sdkVer", "timestamp", "totalElapsed", "elapsed", "channelSessionId"}),
+              common + own[i]);
+    EXPECT_TRUE(event.at("sdkVer").as_string().starts_with("sdkVersion/"));
+    EXPECT_NEAR(event.at("timestamp").to_number<double>(), static_cast<double>(currentTimeStamp()), 60000);
   }
 }
 
-TEST_F(RecorderTest, CompactionStripsEverySpaceAndUnwritableTextProducesNoRecord) {
+TEST_F(RecorderTest, SettersFillOrRemoveCommonParametersAndRecordsLoseEverySpace) {
   recorder->setUId(std::string("\xff\xfe"));
-  recorder->connectState(1, 6);
+  recorder->connectState(1, 6);  // not writable as JSON: no record
   recorder->setUId(std::string("a b"));
+  recorder->setAppId(std::string("app"));
+  recorder->setClientSessionId(std::string("cs"));
   recorder->userAttributes("get", "-[QNBRLKit getUserAttributes:completion:]_block_invoke", 0, 0);
+  recorder->setUId(std::nullopt);
+  recorder->connectState(2, 1);
   auto all = records();
-  ASSERT_EQ(all.size(), 1u);
+  ASSERT_EQ(all.size(), 2u);
   EXPECT_EQ(all[0].line.find(' '), std::string::npos);
-  EXPECT_EQ(all[0].event.at("uid"), "ab");
-  EXPECT_EQ(all[0].event.at("interface"), "-[QNBRLKitgetUserAttributes:completion:]_block_invoke");
+  const auto& event = all[0].event;
+  EXPECT_EQ(event.at("uid"), "ab");
+  EXPECT_EQ(event.at("appId"), "app");
+  EXPECT_EQ(event.at("clientSessionId"), "cs");
+  EXPECT_EQ(event.at("interface"), "-[QNBRLKitgetUserAttributes:completion:]_block_invoke");
+  EXPECT_FALSE(all[1].event.contains("uid"));
   EXPECT_EQ(LoganManager::convertToJsonData({{"k", "x \n y"}}), R"({"k":"x\ny"})");
 }
 
-TEST_F(RecorderTest, SettersFillOrRemoveCommonParameters) {
-  recorder->setAppId(std::string("app"));
-  recorder->setUId(std::string("bob"));
-  recorder->setClientSessionId(std::string("cs"));
-  recorder->connectState(2, 1);
-  auto event = lastEvent();
-  EXPECT_EQ(event.at("appId"), "app");
-  EXPECT_EQ(event.at("uid"), "bob");
-  EXPECT_EQ(event.at("clientSessionId"), "cs");
-
-  recorder->setUId(std::nullopt);
-  recorder->connectState(2, 1);
-  EXPECT_FALSE(lastEvent().contains("uid"));
-}
-
-TEST_F(RecorderTest, SessionIdentifiers) {
+TEST_F(RecorderTest, EachLoginAndEachJoinStartsANewSession) {
   std::regex upperUuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
   recorder->startLogan("t", "u", 1);
   auto session = recorder->clientSessionId();
   EXPECT_TRUE(std::regex_match(session, upperUuid)) << session;
-  // The new identifier stays out of the records unless the embedding code sets it.
-  EXPECT_EQ(lastEvent().at("clientSessionId"), "");
   recorder->startLogan("t", "u", 2);
   EXPECT_NE(recorder->clientSessionId(), session);
 
@@ -165,8 +138,7 @@ TEST_F(RecorderTest, SessionIdentifiers) {
 }
 
 TEST_F(RecorderTest, ElapsedTimesFollowTheStoredStarts) {
-  auto start = currentTimeStamp() - 1000;
-  recorder->tsJoinChannel = start;
+  recorder->tsJoinChannel = currentTimeStamp() - 1000;
   recorder->joinChannel(0, "c", 0);
   auto elapsed = lastEvent().at("elapsed").as_int64();
   EXPECT_GE(elapsed, 1000);
@@ -177,26 +149,14 @@ TEST_F(RecorderTest, ElapsedTimesFollowTheStoredStarts) {
   EXPECT_GT(lastEvent().at("elapsed").as_int64(), currentTimeStamp() - elapsed - 60000);
 
   recorder->tsLeaveChannel = currentTimeStamp() - 500;
-  recorder->leaveChannel(1, "c", 7);
-  auto leave = lastEvent();
-  EXPECT_GE(leave.at("elapsed").as_int64(), 500);
-  EXPECT_EQ(leave.at("result"), 1);
-  EXPECT_EQ(leave.at("errorCode"), 7);
-
+  recorder->leaveChannel(0, "c", 0);
+  EXPECT_GE(lastEvent().at("elapsed").as_int64(), 500);
   recorder->tsLogout = 42;
-  recorder->logout(0, 3);
+  recorder->logout(0, 0);
   EXPECT_EQ(lastEvent().at("elapsed"), 42);
-
   recorder->startLogan("t", "u", currentTimeStamp() - 2000);
-  recorder->tsGetServers = 15;
-  recorder->tsConnectServer = currentTimeStamp() - 15;
-  recorder->loginResult(std::numeric_limits<std::uint64_t>::max(), -1);
-  auto login = lastEvent();
-  EXPECT_GE(login.at("totalElapsed").as_int64(), 2000);
-  EXPECT_EQ(login.at("result").as_uint64(), std::numeric_limits<std::uint64_t>::max());
-  EXPECT_EQ(login.at("errorCode"), -1);
-  EXPECT_EQ(login.at("elapsedInfo").at("getServers"), 15);
-  EXPECT_EQ(login.at("elapsedInfo").at("connectServer"), recorder->tsConnectServer.load());
+  recorder->loginResult(0, 0);
+  EXPECT_GE(lastEvent().at("totalElapsed").as_int64(), 2000);
 }
 
 TEST_F(RecorderTest, LogServerSetsTheUploadAddress) {
@@ -209,6 +169,6 @@ TEST_F(RecorderTest, LogServerSetsTheUploadAddress) {
   recorder->setLogServer(std::nullopt);
   EXPECT_EQ(uploader->urlString(), fallback);
   // The recorder's upload timer is armed with the one-minute interval; sent files are backed up.
-  EXPECT_EQ(clock->next_deadline() - clock->now(), std::chrono::seconds(60));
+  EXPECT_EQ(time.clock().next_deadline() - time.clock().now(), std::chrono::seconds(60));
   EXPECT_TRUE(recorder->collectManager()->isBackup());
 }

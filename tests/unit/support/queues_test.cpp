@@ -12,69 +12,65 @@
 
 using namespace qnbrl;
 using testing_support::waitUntil;
+using namespace std::chrono_literals;
 
 TEST(SerialQueue, RunsTasksInOrderAndWaitingTaskHoldsTheQueue) {
   auto q = SerialQueue::create("test");
   std::mutex m;
   std::vector<int> order;
-  std::function<void()> release;
+  auto record = [&](int i) {
+    return [&, i] {
+      std::lock_guard lock(m);
+      order.push_back(i);
+    };
+  };
   auto seen = [&] {
     std::lock_guard lock(m);
     return order;
   };
-  q->async([&] {
-    std::lock_guard lock(m);
-    order.push_back(1);
-  });
+  std::promise<std::function<void()>> held;
+  q->async(record(1));
   q->asyncWaiting([&](std::function<void()> done) {
-    std::lock_guard lock(m);
-    order.push_back(2);
-    release = std::move(done);
+    record(2)();
+    held.set_value(std::move(done));
   });
-  q->async([&] {
-    std::lock_guard lock(m);
-    order.push_back(3);
-  });
-  ASSERT_TRUE(waitUntil([&] { return seen().size() == 2; }));
-  EXPECT_EQ(seen().size(), 2u);  // still held by the waiting task
-  std::function<void()> done;
-  {
-    std::lock_guard lock(m);
-    done = std::move(release);
-  }
-  done();
+  q->async(record(3));
+  auto release = held.get_future().get();
+  // The third task must not start while the second holds the queue: a queue that let it through
+  // would run it well within this window.
+  EXPECT_FALSE(waitUntil([&] { return seen().size() > 2; }, 100ms));
+  EXPECT_EQ(seen(), (std::vector<int>{1, 2}));
+  release();
   q->sync([] {});
   EXPECT_EQ(seen(), (std::vector<int>{1, 2, 3}));
 }
 
 TEST(SerialQueue, CancelPendingDropsQueuedWork) {
   auto q = SerialQueue::create("test");
-  std::promise<std::function<void()>> release;
+  std::promise<std::function<void()>> held;
   std::atomic<int> ran = 0;
-  q->asyncWaiting([&](std::function<void()> done) { release.set_value(std::move(done)); });
+  q->asyncWaiting([&](std::function<void()> done) { held.set_value(std::move(done)); });
   q->async([&] { ++ran; });
-  auto done = release.get_future().get();
+  auto release = held.get_future().get();
   q->cancelPending();
-  done();
+  release();
   q->sync([] {});
   EXPECT_EQ(ran, 0);
 }
 
-TEST(ManualClock, FiresDueTimersInDeadlineOrderAndHonoursCancel) {
-  auto clock = std::make_shared<sio::ManualClock>();
+// Not firing before the deadline is covered by the timer tests.
+TEST(ManualClock, FiresDueTimersInDeadlineOrderThenSchedulingOrderAndHonoursCancel) {
+  sio::ManualClock clock;
   std::vector<int> fired;
   auto ex = MainQueue::executor();
-  clock->schedule(ex, std::chrono::seconds(6), [&] { fired.push_back(6); });
-  clock->schedule(ex, std::chrono::seconds(1), [&] { fired.push_back(1); });
-  auto cancelled = clock->schedule(ex, std::chrono::seconds(2), [&] { fired.push_back(2); });
-  cancelled->cancel();
-  clock->advance(std::chrono::milliseconds(5999));
+  clock.schedule(ex, 6s, [&] { fired.push_back(6); });
+  clock.schedule(ex, 1s, [&] { fired.push_back(1); });
+  clock.schedule(ex, 6s, [&] { fired.push_back(7); });
+  clock.schedule(ex, 2s, [&] { fired.push_back(2); })->cancel();
+  clock.advance(6s);
   MainQueue::sync([] {});
-  EXPECT_EQ(fired, (std::vector<int>{1}));
-  clock->advance(std::chrono::milliseconds(1));
-  MainQueue::sync([] {});
-  EXPECT_EQ(fired, (std::vector<int>{1, 6}));
-  EXPECT_EQ(clock->pending(), 0u);
+  EXPECT_EQ(fired, (std::vector<int>{1, 6, 7}));
+  EXPECT_EQ(clock.pending(), 0u);
 }
 
 TEST(SteadyClock, CancelledTimerNeverRuns) {

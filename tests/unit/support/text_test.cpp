@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -9,12 +11,8 @@
 using namespace qnbrl;
 
 TEST(TimeStamp, IsMillisecondsSinceTheEpoch) {
-  auto before = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::system_clock::now().time_since_epoch())
-                    .count();
-  auto stamp = currentTimeStamp();
-  EXPECT_GE(stamp, before);
-  EXPECT_LT(stamp - before, 60'000);
+  std::chrono::duration<double, std::milli> now = std::chrono::system_clock::now().time_since_epoch();
+  EXPECT_NEAR(currentTimeStamp(), now.count(), 60'000);
 }
 
 TEST(Md5, IsLowerCaseHexAndStopsAtTheFirstZeroByte) {
@@ -24,29 +22,23 @@ TEST(Md5, IsLowerCaseHexAndStopsAtTheFirstZeroByte) {
   EXPECT_EQ(md5Value(std::string("\0abc", 4)), md5Value(""));
 }
 
-TEST(Match, IsAnchoredAtBothEndsAndTakesTheIdPatternUnderRe2) {
-  const char* id = R"(^[a-zA-Z0-9!#$%&()+\-:;<=.>?@[\]^_{}|~,\s]{1,64}$)";
+// The ID and server-address patterns are checked where they are used (session state, server URLs).
+TEST(Match, IsAnchoredAtBothEndsAndAnInvalidPatternMatchesNothing) {
   EXPECT_TRUE(match("user_1", "[a-z_0-9]+"));
   EXPECT_FALSE(match("user 1", "[a-z_0-9]+"));
   EXPECT_FALSE(match("xuser", "user"));
+  EXPECT_FALSE(match("userx", "user"));
   EXPECT_FALSE(match("abc", "(unclosed"));
   EXPECT_FALSE(match("a\nb", "a.b"));
-  EXPECT_TRUE(match("user-1 [a]^{b}|~,!#$%&()+:;<=.>?@_", id));
-  EXPECT_TRUE(match(std::string(64, 'z'), id));
-  for (const std::string& bad :
-       {std::string(65, 'z'), std::string("a/b"), std::string("caf\xC3\xA9"), std::string()})
-    EXPECT_FALSE(match(bad, id)) << bad;
 }
 
-TEST(Search, CaseInsensitiveMultilineAnchorsMatchAtLineBoundaries) {
-  const char* domain = R"(^https?:\/\/(([a-z0-9]+|[a-z0-9]+[a-z0-9\-_]*[a-z0-9]+)\.)+([a-z]+)(:\d+)?$)";
-  SearchOptions opts{.caseInsensitive = true, .multiline = true};
-  EXPECT_TRUE(search("https://API.Example.COM:443", domain, opts));
-  EXPECT_FALSE(search("https://API.Example.COM", domain, {.caseInsensitive = false, .multiline = true}));
-  EXPECT_TRUE(search("garbage\nhttps://api.example.com", domain, opts));
-  EXPECT_FALSE(
-      search("garbage\nhttps://api.example.com", domain, {.caseInsensitive = true, .multiline = false}));
+TEST(Search, FindsThePatternAnywhereWithOptionalCaseAndLineRules) {
   EXPECT_TRUE(search("say hello there", "hello"));
+  EXPECT_FALSE(search("say HELLO", "hello"));
+  EXPECT_TRUE(search("say HELLO", "hello", {.caseInsensitive = true, .multiline = false}));
+  EXPECT_FALSE(search("a\nhello", "^hello$"));
+  EXPECT_TRUE(search("a\nhello", "^hello$", {.caseInsensitive = false, .multiline = true}));
+  EXPECT_FALSE(search("bad", "(unclosed"));
 }
 
 TEST(Match, CompiledPatternsAreSharedSafelyAcrossThreads) {

@@ -1,7 +1,6 @@
 #include "support/timer.hpp"
 
-#include "socketio/clock.hpp"
-#include "support/wait.hpp"
+#include "support/socketio_fixture.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,14 +14,7 @@ namespace {
 
 class QNBRLTimerTest : public ::testing::Test {
  protected:
-  void SetUp() override { sio::Clock::install(clock); }
-  void TearDown() override { sio::Clock::install(nullptr); }
-  // Moves time and waits until the main queue has run what became due.
-  void advance(sio::Clock::duration d) {
-    clock->advance(d);
-    MainQueue::sync([] {});
-  }
-  std::shared_ptr<sio::ManualClock> clock = std::make_shared<sio::ManualClock>();
+  testing_support::ManualTime time;
   std::atomic<int> fired = 0;
 };
 
@@ -34,34 +26,34 @@ TEST_F(QNBRLTimerTest, OneShotFiresOnceOneIntervalAfterTheCallAndReleasesItself)
     ++fired;
   });
   ASSERT_FALSE(weak.expired());  // the scheduled timer keeps itself alive
-  advance(1999ms);
+  time.advance(1999ms);
   EXPECT_EQ(fired, 0);
-  advance(1ms);
+  time.advance(1ms);
   EXPECT_EQ(fired, 1);
-  advance(10s);
+  time.advance(10s);
   EXPECT_EQ(fired, 1);
   EXPECT_TRUE(weak.expired());
-  EXPECT_EQ(clock->pending(), 0u);
+  EXPECT_EQ(time.clock().pending(), 0u);
 }
 
 TEST_F(QNBRLTimerTest, RepeatingKeepsItsCadenceUntilStopped) {
   auto timer = QNBRLTimer::startTimer(1.0, true, [&] { ++fired; });
   for (int i = 1; i <= 3; ++i) {
-    advance(1s);
+    time.advance(1s);
     EXPECT_EQ(fired, i);
   }
   // Firings missed in one long step collapse into one, and the cadence stays on whole seconds.
-  advance(3500ms);
+  time.advance(3500ms);
   EXPECT_EQ(fired, 4);
-  advance(499ms);
+  time.advance(499ms);
   EXPECT_EQ(fired, 4);
-  advance(1ms);
+  time.advance(1ms);
   EXPECT_EQ(fired, 5);
   std::weak_ptr<QNBRLTimer> weak = timer;
   timer->stop();
   timer->stop();
   timer.reset();
-  advance(5s);
+  time.advance(5s);
   EXPECT_EQ(fired, 5);
   EXPECT_TRUE(weak.expired());
 }
@@ -73,8 +65,8 @@ TEST_F(QNBRLTimerTest, StopBeforeTheFirstFiringOrFromInsideTheBlockEndsIt) {
     fired += 10;
     timer->stop();
   });
-  advance(1s);
-  advance(5s);
+  time.advance(1s);
+  time.advance(5s);
   EXPECT_EQ(fired, 10);
 }
 
@@ -88,19 +80,20 @@ TEST_F(QNBRLTimerTest, FiresAsATaskOfTheGivenSerialQueue) {
         ++fired;
       },
       queue);
-  clock->advance(60s);
+  time.clock().advance(60s);
   ASSERT_TRUE(waitUntil([&] { return fired == 1; }));
   EXPECT_TRUE(onQueue);
-  ASSERT_TRUE(waitUntil([&] { return clock->pending() == 1; }));  // re-armed for the next tick
+  ASSERT_TRUE(waitUntil([&] { return time.clock().pending() == 1; }));  // re-armed for the next tick
   timer->stop();
-  EXPECT_EQ(clock->pending(), 0u);
+  EXPECT_EQ(time.clock().pending(), 0u);
 }
 
 TEST_F(QNBRLTimerTest, NonPositiveIntervalsDoNotFireAtOnce) {
   auto timer = QNBRLTimer::startTimer(-1.0, true, [&] { ++fired; });
   MainQueue::sync([] {});
   EXPECT_EQ(fired, 0);
-  advance(100us);
+  time.clock().advance(100us);
+  MainQueue::sync([] {});
   EXPECT_EQ(fired, 1);
   timer->stop();
 }
