@@ -103,15 +103,16 @@ class Socket {
 class Manager {
  public:
   Manager(boost::asio::any_io_executor executor, std::string url, Options options);
+  // Over an engine built elsewhere, e.g. on an in-memory transport.
+  explicit Manager(std::shared_ptr<detail::Engine> engine);
   ~Manager();
   Manager(const Manager&) = delete;
   Manager& operator=(const Manager&) = delete;
 
   const std::shared_ptr<Socket>& socket() const { return socket_; }
-  const std::string& url() const { return url_; }
+  const std::string& url() const;
 
  private:
-  std::string url_;
   std::shared_ptr<Socket> socket_;
 };
 
