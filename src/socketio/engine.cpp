@@ -11,6 +11,10 @@ namespace sio::detail {
 
 namespace net = boost::asio;
 
+namespace {
+constexpr const char* kPacketBeforeOpen = "Transport error: packet before open";
+}  // namespace
+
 Engine::Engine(net::any_io_executor ex, std::string url, Options options, TransportFactory factory)
     : ex_(std::move(ex)),
       url_(std::move(url)),
@@ -41,7 +45,7 @@ void Engine::connect(std::chrono::milliseconds timeout, std::function<void()> on
     std::lock_guard lock(info_mutex_);
     sid_.clear();
   }
-  engine_open_ = false;
+  stage_ = Stage::Dialing;
   max_payload_.reset();
   decoder_.reset();
   auto ep = buildEndpoint(url_, options_.path, options_.query);
@@ -61,14 +65,22 @@ void Engine::connect(std::chrono::milliseconds timeout, std::function<void()> on
   transport_->start();
 }
 
+void Engine::onOpen() {
+  if (stage_ == Stage::Dialing) stage_ = Stage::TransportOpen;
+}
+
 void Engine::onText(std::string_view frame) {
   auto packet = engine::decodeText(frame);
   if (!packet) return close("Transport error: " + packet.error, true);
+  // Until the open packet there is no heartbeat: a server that skipped it could go silent unseen.
+  if (packet.value->type != engine::Type::Open && stage_ != Stage::EngineOpen) {
+    return close(kPacketBeforeOpen, true);
+  }
   switch (packet.value->type) {
     case engine::Type::Open: {
       auto hs = engine::decodeHandshake(packet.value->data);
-      if (!hs || engine_open_) return close("Transport error: invalid open packet", true);
-      engine_open_ = true;
+      if (!hs || stage_ != Stage::TransportOpen) return close("Transport error: invalid open packet", true);
+      stage_ = Stage::EngineOpen;
       {
         std::lock_guard lock(info_mutex_);
         // The engine id stands until the namespace answers with its own.
@@ -100,6 +112,7 @@ void Engine::onText(std::string_view frame) {
 }
 
 void Engine::onBinary(BufferPtr frame) {
+  if (stage_ != Stage::EngineOpen) return close(kPacketBeforeOpen, true);
   auto out = decoder_.onBinary(std::move(frame));
   if (!out) return close("Parse error: " + out.error, true);
   if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(std::move(*p));
@@ -250,7 +263,6 @@ void Engine::close(const std::string& why, bool report) {
   connect_timer_.reset();
   outbox_.clear();
   decoder_.reset();
-  engine_open_ = false;
   if (transport_) {
     transport_->close();
     transport_.reset();

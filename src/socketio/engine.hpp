@@ -54,6 +54,7 @@ class Engine : public TransportListener, public std::enable_shared_from_this<Eng
   // The owner is gone: close without telling anyone. Pending acknowledgements keep their time-outs.
   void abandon();
 
+  void onOpen() override;
   void onText(std::string_view frame) override;
   void onBinary(BufferPtr frame) override;
   void onClosed(const std::string& why) override { close(why, true); }
@@ -85,7 +86,8 @@ class Engine : public TransportListener, public std::enable_shared_from_this<Eng
   std::vector<Frames> outbox_;  // emits made before the server accepted the connection
   std::shared_ptr<Transport> transport_;
   Decoder decoder_;
-  bool engine_open_ = false;
+  // How far the current attempt has come: the transport, then the Engine.IO open packet.
+  enum class Stage { Dialing, TransportOpen, EngineOpen } stage_ = Stage::Dialing;
   std::chrono::milliseconds heartbeat_window_{};
   std::optional<std::size_t> max_payload_;
   TimerPtr heartbeat_;

@@ -20,6 +20,8 @@ struct Outgoing {
 // How a transport reports to its owner, always on the owner's executor.
 class TransportListener {
  public:
+  // The connection is up; the server speaks first, with the Engine.IO open packet.
+  virtual void onOpen() = 0;
   virtual void onText(std::string_view frame) = 0;
   virtual void onBinary(BufferPtr frame) = 0;
   // The connection is gone; `why` is the "disconnect" reason text.

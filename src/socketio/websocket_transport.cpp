@@ -122,6 +122,7 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
     open_ = true;
     if (!queue_.empty() && !writing_) writeNext();
     read();
+    if (auto owner = owner_.lock()) owner->onOpen();
   }
 
   void read() {

@@ -175,19 +175,6 @@ TEST_F(SocketIo, DroppedTransportIsALostConnection) {
   EXPECT_TRUE(reason == "Transport close" || startsWith(reason, "Transport error: ")) << reason;
 }
 
-TEST_F(SocketIo, SilentServerEndsInPingTimeout) {
-  ManualTime time;
-  ASSERT_TRUE(server_->setSilent(server_->silentId(), Silence::AfterConnect));
-  auto s = open(server_->silentUrl());
-  ASSERT_TRUE(s->recorder().waitFor("connect"));
-  // The silent server announces the default heartbeat: 25 s interval + 20 s time-out.
-  time.advance(44999ms);
-  EXPECT_TRUE(s->recorder().disconnects().empty());
-  time.advance(1ms);
-  ASSERT_TRUE(s->recorder().waitFor("disconnect"));
-  EXPECT_EQ(s->recorder().disconnects(), std::vector<std::string>{"Ping timeout"});
-}
-
 TEST_F(SocketIo, ConnectTimeOutFiresOnlyWhenTheAttemptHangs) {
   ManualTime time;
   auto hanging = open(server_->blackholeUrl());
@@ -229,27 +216,6 @@ TEST_F(SocketIo, RefusedEmitsSendNothingAndKeepTheConnection) {
   EXPECT_EQ(json::serialize(bad_text.at(0).args), R"(["NO ACK"])");
   EXPECT_EQ(server_->commands().size(), 1u);
   EXPECT_TRUE(s->recorder().disconnects().empty());
-}
-
-TEST_F(SocketIo, HostileFramesCloseTheConnectionWithAReason) {
-  struct Case {
-    json::array frames;
-    const char* prefix;
-  } cases[] = {
-      {{"42[\"connect\"]"}, "Parse error: "},
-      {{"451-[\"a\",{\"_placeholder\":true,\"num\":0}]", "42[\"b\"]"}, "Parse error: "},
-      {{"9"}, "Transport error: "},
-      {{bytesValue({0})}, "Parse error: "},
-      {{"0{\"sid\":\"again\",\"pingInterval\":1,\"pingTimeout\":1}"}, "Transport error: "},
-  };
-  for (auto& c : cases) {
-    SCOPED_TRACE(json::serialize(c.frames));
-    ASSERT_TRUE(server_->reset());
-    auto s = openConnected();
-    ASSERT_TRUE(server_->raw(0, s->socket().sid(), c.frames));
-    ASSERT_TRUE(s->recorder().waitFor("disconnect"));
-    EXPECT_TRUE(startsWith(s->recorder().disconnects().at(0), c.prefix)) << s->recorder().disconnects().at(0);
-  }
 }
 
 TEST_F(SocketIo, OversizedInboundMessageClosesTheConnection) {

@@ -1,0 +1,145 @@
+// The engine against a server played by hand over an in-memory transport, on a private event loop
+// and a manual clock.
+#include "support/memory_transport.hpp"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/json/serialize.hpp>
+#include <gtest/gtest.h>
+
+using namespace testing_support;
+using namespace std::chrono_literals;
+namespace json = boost::json;
+
+namespace {
+
+// A heartbeat window of 500 ms.
+constexpr const char* kOpen = R"(0{"sid":"e1","upgrades":[],"pingInterval":300,"pingTimeout":200})";
+constexpr const char* kReply = R"(40{"sid":"s1"})";
+
+class SocketIoEngine : public ::testing::Test {
+ protected:
+  SocketIoEngine() { sio::Clock::install(clock_); }
+  ~SocketIoEngine() override { sio::Clock::install(nullptr); }
+
+  void SetUp() override { make(); }
+
+  // A fresh engine that records what its handlers hear as "name args".
+  void make(sio::Options options = {}) {
+    heard_.clear();
+    engine_ = std::make_shared<sio::detail::Engine>(io_.get_executor(), "http://memory", std::move(options),
+                                                    link_.factory());
+    for (const char* name : {"connect", "disconnect", "news"}) {
+      engine_->on(name, [this, name](const sio::Payload& p, const sio::Responder&) {
+        heard_.push_back(std::string(name) + (p.args.empty() ? "" : " " + json::serialize(p.args)));
+      });
+    }
+  }
+  void poll() {
+    io_.restart();
+    io_.poll();
+  }
+  void advance(std::chrono::milliseconds d) {
+    clock_->advance(d);
+    poll();
+  }
+  MemoryTransport& server() { return *link_.current; }
+  // A frame from the server: "B:" and raw bytes for a binary one.
+  void deliver(const std::string& frame) {
+    if (frame.rfind("B:", 0) == 0) {
+      server().binary(sio::Buffer(frame.begin() + 2, frame.end()));
+    } else {
+      server().text(frame);
+    }
+    poll();
+  }
+  // Starts an attempt and lets the transport come up.
+  void connect() {
+    engine_->connect(6s, [this] { heard_.push_back("timeout"); });
+    poll();
+    server().open();
+  }
+  void connectFully() {
+    connect();
+    deliver(kOpen);
+    deliver(kReply);
+    ASSERT_EQ(heard_, std::vector<std::string>{"connect"});
+  }
+
+  boost::asio::io_context io_;
+  std::shared_ptr<sio::ManualClock> clock_ = std::make_shared<sio::ManualClock>();
+  MemoryLink link_;
+  std::shared_ptr<sio::detail::Engine> engine_;
+  std::vector<std::string> heard_;
+};
+
+TEST_F(SocketIoEngine, HostileOrMisplacedFramesCloseTheConnectionOnceWithAReason) {
+  struct Case {
+    bool connected;  // whether the frames come after the connect reply or right after the transport opened
+    std::vector<std::string> frames;
+    std::string reason;
+  } cases[] = {
+      // Before the open packet there is no heartbeat: accepting anything would leave a silent server unseen.
+      {false, {kReply}, "Transport error: packet before open"},
+      {false, {"2"}, "Transport error: packet before open"},
+      {false, {R"(42["news"])"}, "Transport error: packet before open"},
+      {false, {"B:x"}, "Transport error: packet before open"},
+      {true, {kOpen}, "Transport error: invalid open packet"},
+      {true, {"9"}, "Transport error: unknown Engine.IO packet type"},
+      {true, {R"(42["connect"])"}, "Parse error: reserved event name"},
+      {true, {R"(451-["news",{"_placeholder":true,"num":0}])", R"(42["news"])"},
+       "Parse error: text packet before all attachments arrived"},
+      {true, {"B:x"}, "Parse error: binary frame with no packet awaiting attachments"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.frames.front());
+    make();
+    if (c.connected) {
+      connectFully();
+    } else {
+      connect();
+    }
+    for (const auto& f : c.frames) deliver(f);
+    std::vector<std::string> expected{"disconnect " + json::serialize(json::array{c.reason})};
+    if (c.connected) expected.insert(expected.begin(), "connect");
+    advance(24h);
+    EXPECT_EQ(heard_, expected);
+    EXPECT_TRUE(server().closed);
+    EXPECT_EQ(engine_->status(), sio::Socket::Status::Disconnected);
+  }
+}
+
+TEST_F(SocketIoEngine, ASilentServerIsDetectedAtEveryStage) {
+  struct Case {
+    std::vector<std::string> frames;
+    std::chrono::milliseconds silence;
+    std::string outcome;
+  } cases[] = {
+      {{}, 6s, "timeout"},  // transport up, no open packet: the connect time-out
+      {{kOpen}, 500ms, R"(disconnect ["Ping timeout"])"},
+      {{kOpen, kReply}, 500ms, R"(disconnect ["Ping timeout"])"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.frames.size());
+    make();
+    connect();
+    for (const auto& f : c.frames) deliver(f);
+    advance(c.silence - 1ms);
+    EXPECT_TRUE(heard_.empty() || heard_.back() == "connect");
+    advance(1ms);
+    ASSERT_FALSE(heard_.empty());
+    EXPECT_EQ(heard_.back(), c.outcome);
+    EXPECT_TRUE(server().closed);
+  }
+  // A ping is answered and opens a new window.
+  make();
+  connectFully();
+  advance(400ms);
+  deliver("2");
+  EXPECT_EQ(server().sent.back().text, "3");
+  advance(499ms);
+  EXPECT_EQ(heard_, std::vector<std::string>{"connect"});
+  advance(1ms);
+  EXPECT_EQ(heard_.back(), R"(disconnect ["Ping timeout"])");
+}
+
+}  // namespace
