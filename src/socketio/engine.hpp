@@ -20,7 +20,7 @@ namespace sio::detail {
 
 class AckTable;
 
-class Engine : public TransportListener, public std::enable_shared_from_this<Engine> {
+class Engine final : public TransportListener, public std::enable_shared_from_this<Engine> {
  public:
   Engine(boost::asio::any_io_executor ex, std::string url, Options options, TransportFactory factory);
 
