@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <limits>
 
 namespace sio {
@@ -47,6 +48,48 @@ void appendJson(std::string& out, const T& v) {
     out.resize(std::max(out.capacity(), used + 64));
     out.resize(used + sr.read(out.data() + used, out.size() - used).size());
   }
+}
+
+// JSON has no Infinity or NaN, and Boost.JSON writes them as such; the server would close the
+// connection on them. They go out as null, as JSON.stringify writes them. The check walks without
+// allocating; only a payload that has one pays for a copy.
+bool hasNonFinite(const json::value& v);
+bool hasNonFinite(const json::array& a) {
+  return std::any_of(a.begin(), a.end(), [](const json::value& e) { return hasNonFinite(e); });
+}
+bool hasNonFinite(const json::object& o) {
+  return std::any_of(o.begin(), o.end(), [](const json::key_value_pair& e) { return hasNonFinite(e.value()); });
+}
+bool hasNonFinite(const json::value& v) {
+  if (const auto* d = v.if_double()) return !std::isfinite(*d);
+  if (const auto* a = v.if_array()) return hasNonFinite(*a);
+  if (const auto* o = v.if_object()) return hasNonFinite(*o);
+  return false;
+}
+
+void nullNonFinite(json::value& v);
+void nullNonFinite(json::array& a) {
+  for (auto& e : a) nullNonFinite(e);
+}
+void nullNonFinite(json::object& o) {
+  for (auto& e : o) nullNonFinite(e.value());
+}
+void nullNonFinite(json::value& v) {
+  if (const auto* d = v.if_double(); d && !std::isfinite(*d)) {
+    v = nullptr;
+  } else if (auto* a = v.if_array()) {
+    nullNonFinite(*a);
+  } else if (auto* o = v.if_object()) {
+    nullNonFinite(*o);
+  }
+}
+
+template <class Container>
+void appendFiniteJson(std::string& out, const Container& c) {
+  if (!hasNonFinite(c)) return appendJson(out, c);
+  Container copy(c);
+  nullNonFinite(copy);
+  appendJson(out, copy);
 }
 
 void appendNumber(std::string& out, std::uint64_t n) {
@@ -129,7 +172,7 @@ Frames encodeArgs(PacketType plain, PacketType binary, std::optional<std::uint64
                   const Payload& payload) {
   Frames out{packetHead(plain, binary, payload.buffers.size()), payload.buffers};
   if (id) appendNumber(out.text, *id);
-  appendJson(out.text, payload.args);
+  appendFiniteJson(out.text, payload.args);
   return out;
 }
 
@@ -221,7 +264,7 @@ Result<Handshake> decodeHandshake(std::string_view text) {
 
 Frames encodeConnect(const json::object* auth) {
   Frames out{"40", {}};
-  if (auth) appendJson(out.text, *auth);
+  if (auth) appendFiniteJson(out.text, *auth);
   return out;
 }
 

@@ -4,6 +4,8 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
+#include <cmath>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -223,6 +225,17 @@ TEST(SocketIoCodec, EncodesTheWireVectors) {
   EXPECT_EQ(encodeAck(12, {}).text, "4312[]");
   EXPECT_EQ(encodeEvent({json::array{"é\"\n", -1, 2.5, nullptr, json::object{}}, {}}, std::nullopt).text,
             "42[\"é\\\"\\n\",-1,2.5E0,null,{}]");
+
+  // Numbers that overflowed to infinity, or that the caller made non-finite, go out as JSON does them.
+  const double inf = std::numeric_limits<double>::infinity();
+  const Payload odd{json::array{inf, json::object{{"k", json::array{-inf, std::nan("")}}}, 1.5}, {}};
+  EXPECT_EQ(encodeEvent(odd, std::nullopt).text, R"(42[null,{"k":[null,null]},1.5E0])");
+  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},1.5E0])");
+  Decoder overflow;
+  auto huge = overflow.onText(R"(2["a",1e400,{"b":-1e400}])");
+  ASSERT_TRUE(huge) << huge.error;
+  const auto& event = std::get<Packet>(*huge.value);
+  EXPECT_EQ(encodeEvent({event.data.as_array(), {}}, std::nullopt).text, R"(42["a",null,{"b":null}])");
 
   const Payload up{json::array{"up", makePlaceholder(0), makePlaceholder(1)},
                    {bytes("010203"), bytes("040506")}};
