@@ -23,8 +23,11 @@ struct Options {
   // Sent as the connection URL's query, in this order, before EIO and transport.
   std::vector<std::pair<std::string, std::string>> query;
   std::string path = "/socket.io/";
-  // Inbound messages above this size close the connection (1009).
-  std::size_t max_message_size = 100u * 1024u * 1024u;
+  // Inbound messages above this size, after inflation, close the connection (1009). Four times the
+  // largest message the service's server takes from a client (1 MB): room for its batches.
+  std::size_t max_message_size = 4u * 1024u * 1024u;
+  // Beyond it, what one packet may make the client hold; over them the connection closes too.
+  DecoderLimits packet_limits;
 };
 
 // The reason texts of the "disconnect" event.

@@ -1,7 +1,7 @@
 #include "socketio/codec.hpp"
 
 #include <boost/json/object.hpp>
-#include <boost/json/parse.hpp>
+#include <boost/json/parser.hpp>
 #include <boost/json/serializer.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
@@ -10,6 +10,8 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <memory>
+#include <new>
 
 namespace sio {
 
@@ -29,13 +31,57 @@ bool isDigit(char c) {
 // Hostile nesting must not exhaust the stack of the parser or of the walks over the parsed value.
 constexpr std::size_t kMaxJsonDepth = 64;
 
-std::optional<json::value> parseJson(std::string_view text) {
+// An open packet is a hundred bytes or so.
+constexpr std::size_t kHandshakeMemory = 64 * 1024;
+
+// Meters what parsing one payload allocates (the parser's stack and the value) against a budget.
+// The budget ends with the parse: the value, and the copies the application makes of it (which
+// share this resource), allocate freely afterwards.
+class Budget final : public json::memory_resource {
+ public:
+  // The shared holder keeps the resource out of reach: it tells where it is through `self`.
+  Budget(std::size_t bytes, Budget*& self) : left_(bytes) { self = this; }
+  // Called before the value leaves the parsing thread, so later allocations elsewhere never read a
+  // changing budget.
+  void lift() { metered_ = false; }
+
+ private:
+  void* do_allocate(std::size_t n, std::size_t) override {
+    if (metered_) {
+      if (n > left_) throw std::bad_alloc();
+      left_ -= n;
+    }
+    return ::operator new(n);
+  }
+  void do_deallocate(void* p, std::size_t n, std::size_t) override {
+    if (metered_) left_ += n;
+    ::operator delete(p);
+  }
+  bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
+
+  std::size_t left_;
+  bool metered_ = true;
+};
+
+Result<json::value> parseJson(std::string_view text, std::size_t budget) {
+  using R = Result<json::value>;
   json::parse_options options;
   options.max_depth = kMaxJsonDepth;
-  boost::system::error_code ec;
-  json::value v = json::parse(json::string_view(text.data(), text.size()), ec, {}, options);
-  if (ec) return std::nullopt;
-  return v;
+  Budget* meter = nullptr;
+  json::storage_ptr storage = json::make_shared_resource<Budget>(budget, meter);
+  unsigned char stack[BOOST_JSON_STACK_BUFFER_SIZE];
+  json::parser parser(storage, options, stack);
+  parser.reset(storage);
+  try {
+    boost::system::error_code ec;
+    parser.write(text.data(), text.size(), ec);
+    if (ec) return R::fail("payload is not valid JSON");
+    auto value = parser.release();
+    meter->lift();
+    return ok(std::move(value));
+  } catch (const std::bad_alloc&) {
+    return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
+  }
 }
 
 // Serializes straight into the tail of `out`, growing it as the serializer asks for room.
@@ -236,9 +282,9 @@ Result<TextPacket> decodeText(std::string_view frame) {
 
 Result<Handshake> decodeHandshake(std::string_view text) {
   using R = Result<Handshake>;
-  auto parsed = parseJson(text);
-  if (!parsed) return R::fail("open packet is not valid JSON");
-  const auto* obj = parsed->if_object();
+  auto parsed = parseJson(text, kHandshakeMemory);
+  if (!parsed) return R::fail("open packet: " + parsed.error);
+  const auto* obj = parsed.value->if_object();
   if (!obj) return R::fail("open packet is not a JSON object");
   const auto* sid = obj->if_contains("sid");
   if (!sid || !sid->is_string() || sid->get_string().empty()) return R::fail("open packet has no sid");
@@ -331,9 +377,11 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
   }
 
   if (i < data.size()) {
-    auto payload = parseJson(data.substr(i));
-    if (!payload) return R::fail("payload is not valid JSON");
-    packet.data = std::move(*payload);
+    auto payload = parseJson(data.substr(i), limits_.json_memory);
+    if (!payload) return R::fail(payload.error);
+    // Constructed in place: assigning a value from another memory resource would copy it.
+    std::destroy_at(&packet.data);
+    std::construct_at(&packet.data, std::move(*payload.value));
   }
   if (const char* why = payloadError(packet.type, packet.data.is_null() ? nullptr : &packet.data)) {
     return R::fail(why);
@@ -357,6 +405,11 @@ Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
   if (!frame) {
     reset();
     return R::fail("missing binary frame");
+  }
+  pending_bytes_ += frame->size();
+  if (pending_bytes_ > limits_.attachment_bytes) {
+    reset();
+    return R::fail("attachments over " + std::to_string(limits_.attachment_bytes) + " bytes in all");
   }
   pending_->buffers.push_back(std::move(frame));
   if (pending_->buffers.size() < expected_) return ok(Output{});

@@ -20,7 +20,8 @@ Engine::Engine(net::any_io_executor ex, std::string url, Options options, Transp
       url_(std::move(url)),
       options_(std::move(options)),
       factory_(std::move(factory)),
-      acks_(std::make_shared<AckTable>(ex_)) {}
+      acks_(std::make_shared<AckTable>(ex_)),
+      decoder_(options_.packet_limits) {}
 
 std::string Engine::sid() const {
   std::lock_guard lock(info_mutex_);
@@ -195,9 +196,9 @@ void Engine::deliverEvent(Packet packet) {
 
 void Engine::deliverAck(Packet packet) {
   if (!packet.id) return;
-  Payload payload;
-  if (auto* a = packet.data.if_array()) payload.args = std::move(*a);
-  payload.buffers = std::move(packet.buffers);
+  // Constructed, not assigned: the arguments keep the memory resource they were parsed into.
+  auto* args = packet.data.if_array();
+  Payload payload{args ? std::move(*args) : boost::json::array(), std::move(packet.buffers)};
   acks_->answer(*packet.id, payload);
 }
 

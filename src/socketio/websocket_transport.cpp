@@ -27,8 +27,9 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
       : owner_(std::move(owner)),
         ep_(std::move(ep)),
         ws_(std::forward<Args>(args)...),
-        resolver_(ws_.get_executor()) {
-    ws_.read_message_max(options.max_message_size);
+        resolver_(ws_.get_executor()),
+        max_message_size_(options.max_message_size) {
+    ws_.read_message_max(max_message_size_);
     ws_.auto_fragment(false);
     websocket::permessage_deflate pmd;
     pmd.client_enable = options.compress;
@@ -141,6 +142,9 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
         }
         return fail(why);
       }
+      if (ec == websocket::error::message_too_big) {
+        return fail("Transport error: inbound message over " + std::to_string(max_message_size_) + " bytes");
+      }
       return fail(describe(ec));
     }
     auto owner = owner_.lock();
@@ -192,6 +196,7 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
   Endpoint ep_;
   websocket::stream<NextLayer> ws_;
   tcp::resolver resolver_;
+  std::size_t max_message_size_;
   websocket::response_type response_;
   beast::flat_buffer buffer_;
   std::deque<Outgoing> queue_;

@@ -142,4 +142,40 @@ TEST_F(SocketIoEngine, ASilentServerIsDetectedAtEveryStage) {
   EXPECT_EQ(heard_.back(), R"(disconnect ["Ping timeout"])");
 }
 
+TEST_F(SocketIoEngine, PacketsOverTheMemoryBoundsCloseTheConnection) {
+  sio::Options o;
+  o.packet_limits = {1000, 64 * 1024};
+  const auto zeros = [](std::size_t n) {
+    std::string s = R"(42["news",[)";
+    for (std::size_t i = 0; i < n; ++i) s += i ? ",0" : "0";
+    return s + "]]";
+  };
+  const std::string attachments = R"(452-["news",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])";
+  struct Case {
+    std::vector<std::string> frames;
+    std::string outcome;
+  } cases[] = {
+      // 56 KiB of text make a 56 KiB value; 6 KiB of zeros would make a 72 KiB array.
+      {{R"(42["news",")" + std::string(56 * 1024, 'x') + R"("])"}, ""},
+      {{zeros(3000)}, R"(disconnect ["Parse error: payload needs more than 65536 bytes to decode"])"},
+      {{attachments, "B:" + std::string(500, 'a'), "B:" + std::string(500, 'b')}, ""},
+      {{attachments, "B:" + std::string(500, 'a'), "B:" + std::string(501, 'b')},
+       R"(disconnect ["Parse error: attachments over 1000 bytes in all"])"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.outcome);
+    make(o);
+    connectFully();
+    for (const auto& f : c.frames) deliver(f);
+    ASSERT_EQ(heard_.size(), 2u);
+    if (c.outcome.empty()) {
+      EXPECT_EQ(heard_[1].rfind("news ", 0), 0u);
+      EXPECT_FALSE(server().closed);
+    } else {
+      EXPECT_EQ(heard_[1], c.outcome);
+      EXPECT_TRUE(server().closed);
+    }
+  }
+}
+
 }  // namespace
