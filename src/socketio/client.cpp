@@ -3,10 +3,6 @@
 #include "socketio/engine.hpp"
 #include "socketio/websocket_transport.hpp"
 
-#include <boost/asio/io_context.hpp>
-
-#include <future>
-
 namespace sio {
 
 void Responder::operator()(const Payload& args) const {
@@ -55,20 +51,6 @@ Manager::Manager(std::shared_ptr<detail::Engine> engine) : socket_(new Socket(st
 
 const std::string& Manager::url() const { return socket_->engine_->url(); }
 
-Manager::~Manager() {
-  auto& engine = socket_->engine_;
-  auto* io = engine->executor().target<boost::asio::io_context::executor_type>();
-  if (!io || io->running_in_this_thread()) {
-    engine->run([](detail::Engine& e) { e.abandon(); });
-    return;
-  }
-  // From another thread: wait, so that no handler runs once the manager is gone.
-  std::promise<void> done;
-  engine->run([&done](detail::Engine& e) {
-    e.abandon();
-    done.set_value();
-  });
-  done.get_future().wait();
-}
+Manager::~Manager() { socket_->engine_->abandon(); }
 
 }  // namespace sio

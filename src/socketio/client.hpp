@@ -101,8 +101,10 @@ class Socket {
 };
 
 // Owns the connection to one server URL and its default-namespace socket. Destroying the manager
-// closes the connection silently: once the destructor returns no handler runs (off the executor's
-// thread it waits for the executor to take the connection down).
+// closes the connection silently and never waits for the executor: once the destructor has returned
+// no handler of the socket begins (one already running may finish), and the connect time-out handler
+// does not run. Acknowledgement callbacks are still answered exactly once, by the server or with
+// ["NO ACK"] at their time-out.
 class Manager {
  public:
   Manager(boost::asio::any_io_executor executor, std::string url, Options options);

@@ -33,9 +33,11 @@ void Engine::on(std::string event, EventHandler handler) {
 }
 
 void Engine::abandon() {
-  abandoned_ = true;
-  handlers_.clear();
-  close("", false);
+  abandoned_.store(true);
+  run([](Engine& e) {
+    e.handlers_.clear();
+    e.close("", false);
+  });
 }
 
 void Engine::connect(std::chrono::milliseconds timeout, std::function<void()> on_timeout) {
@@ -60,7 +62,7 @@ void Engine::connect(std::chrono::milliseconds timeout, std::function<void()> on
         auto self = weak.lock();
         if (!self || self->status_.load() != Socket::Status::Connecting) return;
         self->close("", false);
-        safeCall(on_timeout);
+        if (!self->abandoned_.load()) safeCall(on_timeout);
       });
   transport_ = factory_(ex_, *ep.value, options_, weak_from_this());
   transport_->start();
@@ -191,7 +193,7 @@ void Engine::deliverEvent(Packet packet) {
   }
   // A copy: the handler may replace or remove itself while it runs.
   auto handler = it->second;
-  safeCall(handler, payload, responder);
+  if (!abandoned_.load()) safeCall(handler, payload, responder);
 }
 
 void Engine::deliverAck(Packet packet) {
@@ -251,7 +253,7 @@ void Engine::fire(const std::string& event, const Payload& args, const Responder
   auto it = handlers_.find(event);
   if (it == handlers_.end()) return;
   auto handler = it->second;
-  safeCall(handler, args, responder);
+  if (!abandoned_.load()) safeCall(handler, args, responder);
 }
 
 void Engine::close(const std::string& why, bool report) {

@@ -51,7 +51,8 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
   void disconnect();
   void emit(std::string event, Payload args, std::optional<std::chrono::milliseconds> timeout,
             AckCallback callback);
-  // The owner is gone: close without telling anyone. Pending acknowledgements keep their time-outs.
+  // The owner is gone: close without telling anyone. From any thread, without waiting: no handler
+  // begins once it has returned. Pending acknowledgements keep their time-outs.
   void abandon();
 
   void onOpen() override;
@@ -79,7 +80,8 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
   mutable std::mutex info_mutex_;
   std::string sid_;
 
-  bool abandoned_ = false;
+  // Set by the owner's thread, read right before each handler call.
+  std::atomic<bool> abandoned_{false};
   std::unordered_map<std::string, EventHandler> handlers_;
   std::shared_ptr<AckTable> acks_;
   std::uint64_t next_ack_id_ = 0;

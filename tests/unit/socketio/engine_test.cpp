@@ -2,9 +2,15 @@
 // and a manual clock.
 #include "support/memory_transport.hpp"
 
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/json/serialize.hpp>
 #include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
+#include <thread>
 
 using namespace testing_support;
 using namespace std::chrono_literals;
@@ -176,6 +182,61 @@ TEST_F(SocketIoEngine, PacketsOverTheMemoryBoundsCloseTheConnection) {
       EXPECT_TRUE(server().closed);
     }
   }
+}
+
+TEST(SocketIoManager, DestructionNeverWaitsForTheEventLoopAndNoHandlerBeginsAfterIt) {
+  auto clock = std::make_shared<sio::ManualClock>();
+  sio::Clock::install(clock);
+  boost::asio::io_context io;
+  auto work = boost::asio::make_work_guard(io);
+  std::thread loop([&] { io.run(); });
+  const auto onLoop = [&](std::function<void()> f) {
+    std::promise<void> done;
+    boost::asio::post(io, [&] {
+      f();
+      done.set_value();
+    });
+    return done.get_future().wait_for(10s) == std::future_status::ready;
+  };
+  MemoryLink link;
+  auto manager = std::make_unique<sio::Manager>(
+      std::make_shared<sio::detail::Engine>(io.get_executor(), "http://memory", sio::Options{}, link.factory()));
+  auto& socket = *manager->socket();
+  std::atomic<int> begun{0};
+  for (const char* name : {"news", "disconnect"}) socket.on(name, [&](auto&, auto&) { ++begun; });
+  socket.connect(6s, [&] { ++begun; });
+  ASSERT_TRUE(onLoop([&] {
+    link.current->open();
+    link.current->text(kOpen);
+    link.current->text(kReply);
+  }));
+  std::mutex mutex;
+  std::vector<std::string> answers;
+  for (int i = 0; i < 2; ++i) {
+    socket.emitWithAck("ask", {}, 6s, [&](const sio::Payload& p) {
+      std::lock_guard lock(mutex);
+      answers.push_back(json::serialize(p.args));
+    });
+  }
+  // The loop is held up with an event and the first answer queued behind it.
+  std::promise<void> release;
+  boost::asio::post(io, [held = release.get_future()] { held.wait_for(10s); });
+  boost::asio::post(io, [&] {
+    link.current->text(R"(42["news"])");
+    link.current->text(R"(430["ok"])");
+  });
+  auto destroyed = std::async(std::launch::async, [&] { manager.reset(); });
+  EXPECT_EQ(destroyed.wait_for(5s), std::future_status::ready);
+  release.set_value();
+  destroyed.wait();
+  ASSERT_TRUE(onLoop([] {}));
+  clock->advance(6s);
+  ASSERT_TRUE(onLoop([] {}));
+  EXPECT_EQ(begun, 0);
+  EXPECT_EQ(answers, (std::vector<std::string>{R"(["ok"])", R"(["NO ACK"])"}));
+  work.reset();
+  loop.join();
+  sio::Clock::install(nullptr);
 }
 
 }  // namespace
