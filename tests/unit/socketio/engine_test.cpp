@@ -239,4 +239,19 @@ TEST(SocketIoManager, DestructionNeverWaitsForTheEventLoopAndNoHandlerBeginsAfte
   sio::Clock::install(nullptr);
 }
 
+// On the steady clock the armed timer holds the acknowledgement table and the table holds the timer.
+TEST(SocketIoManager, AnEventLoopDestroyedWithAnArmedDeadlineFreesTheAcknowledgement) {
+  auto io = std::make_unique<boost::asio::io_context>();
+  MemoryLink link;
+  auto sentinel = std::make_shared<int>();
+  std::weak_ptr<int> watch = sentinel;
+  auto manager = std::make_unique<sio::Manager>(
+      std::make_shared<sio::detail::Engine>(io->get_executor(), "http://memory", sio::Options{}, link.factory()));
+  manager->socket()->emitWithAck("ask", {}, 6s, [sentinel = std::move(sentinel)](const sio::Payload&) {});
+  io->poll();
+  manager.reset();
+  io.reset();
+  EXPECT_TRUE(watch.expired());
+}
+
 }  // namespace
