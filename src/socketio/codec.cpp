@@ -181,6 +181,8 @@ const char* payloadError(PacketType type, const json::value* payload) {
       const auto* args = payload ? payload->if_array() : nullptr;
       if (!args || args->empty()) return "EVENT payload is not a non-empty array";
       const auto& name = args->front();
+      // One that overflowed could not go back out: JSON carries it as null.
+      if (const auto* d = name.if_double(); d && !std::isfinite(*d)) return "event name is not a finite number";
       if (name.is_number()) return nullptr;
       if (!name.is_string()) return "event name is neither a string nor a number";
       const auto& s = name.get_string();

@@ -167,7 +167,7 @@ TEST(SocketIoCodec, RejectsMalformedInput) {
   // clang-format off
   const std::vector<Wire> malformed = {
       {""}, {"9"}, {"x"}, {R"(0{"sid":)"}, {"4"}, {"4abc"}, {"47"},
-      {"42"}, {"42{}"}, {"42[]"}, {R"(42"x")"}, {R"(42[true,"x"])"}, {"42[null]"},
+      {"42"}, {"42{}"}, {"42[]"}, {R"(42"x")"}, {R"(42[true,"x"])"}, {"42[null]"}, {"42[1e400]"},
       {R"(42["connect"])"}, {R"(42["disconnect","x"])"}, {R"(42["newListener"])"},
       {R"(42["a")"}, {R"(42abc["a"])"}, {R"(42["a"]x)"}, {"42[" + std::string(100, '[') + std::string(100, ']') + "]"},
       {"41{}"}, {"40[]"}, {R"(40"x")"}, {"4312"}, {R"(43["x"])"}, {"43{}"}, {"44{}"}, {R"(44{"message":1})"},
