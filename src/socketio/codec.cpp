@@ -130,10 +130,9 @@ void nullNonFinite(json::value& v) {
   }
 }
 
-template <class Container>
-void appendFiniteJson(std::string& out, const Container& c) {
-  if (!hasNonFinite(c)) return appendJson(out, c);
-  Container copy(c);
+void appendFiniteJson(std::string& out, const json::array& args) {
+  if (!hasNonFinite(args)) return appendJson(out, args);
+  json::array copy(args);
   nullNonFinite(copy);
   appendJson(out, copy);
 }
@@ -310,10 +309,8 @@ Result<Handshake> decodeHandshake(std::string_view text) {
 
 }  // namespace engine
 
-Frames encodeConnect(const json::object* auth) {
-  Frames out{"40", {}};
-  if (auth) appendFiniteJson(out.text, *auth);
-  return out;
+Frames encodeConnect() {
+  return Frames{"40", {}};
 }
 
 Frames encodeDisconnect() {

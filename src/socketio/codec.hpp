@@ -81,8 +81,8 @@ struct Frames {
   std::vector<BufferPtr> binary;
 };
 
-// Encodes CONNECT (optional auth object), DISCONNECT, EVENT/ACK (binary types chosen from the payload).
-Frames encodeConnect(const boost::json::object* auth = nullptr);
+// Encodes CONNECT, DISCONNECT, EVENT/ACK (binary types chosen from the payload).
+Frames encodeConnect();
 Frames encodeDisconnect();
 Frames encodeEvent(const Payload& payload, std::optional<std::uint64_t> ack_id);
 Frames encodeAck(std::uint64_t ack_id, const Payload& payload);

@@ -214,8 +214,6 @@ TEST(SocketIoCodec, TruncatedVectorsFailCleanly) {
 
 TEST(SocketIoCodec, EncodesTheWireVectors) {
   EXPECT_EQ(encodeConnect().text, "40");
-  const json::object auth{{"token", "123"}};
-  EXPECT_EQ(encodeConnect(&auth).text, R"(40{"token":"123"})");
   EXPECT_EQ(encodeDisconnect().text, "41");
 
   const auto args = [](const char* text) { return json::parse(text).as_array(); };
