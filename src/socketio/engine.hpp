@@ -41,7 +41,6 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
     net::dispatch(ex_, [self = shared_from_this(), f = std::forward<F>(f)]() mutable { f(*self); });
   }
 
-  const boost::asio::any_io_executor& executor() const { return ex_; }
   const std::string& url() const { return url_; }
   std::string sid() const;
   Socket::Status status() const { return status_.load(); }
