@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang and runs each for a bounded time (seconds, default 120).
+# Builds the libFuzzer targets with clang and runs each for a bounded time (seconds, default 120),
+# starting from its kept corpus (tests/fuzz/corpus/<target without fuzz_>/). What a run finds that
+# adds coverage joins that corpus, so committing it lets the next run start where this one ended.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-120}
@@ -11,10 +13,12 @@ for src in tests/fuzz/*.cpp; do names+=("$(basename "$src" .cpp)"); done
 cmake --build --preset fuzz -j"$(nproc)" --target "${names[@]}"
 for name in "${names[@]}"; do
   target=build/fuzz/tests/$name
-  corpus=$(mktemp -d)
-  seeds=tests/fuzz/corpus/${name#fuzz_}
+  corpus=tests/fuzz/corpus/${name#fuzz_}
+  found=build/fuzz/found/$name
+  rm -rf "$found"
+  mkdir -p "$corpus" "$found"
   echo "fuzzing $name for ${seconds}s"
   "$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-    "$corpus" $( [[ -d $seeds ]] && echo "$seeds" )
-  rm -rf "$corpus"
+    -artifact_prefix=build/fuzz/ "$found" "$corpus"
+  "$target" -merge=1 "$corpus" "$found" 2>&1 | tail -1
 done

@@ -23,8 +23,11 @@ struct Options {
   // Sent as the connection URL's query, in this order, before EIO and transport.
   std::vector<std::pair<std::string, std::string>> query;
   std::string path = "/socket.io/";
-  // Inbound messages above this size close the connection (1009).
-  std::size_t max_message_size = 100u * 1024u * 1024u;
+  // Inbound messages above this size, after inflation, close the connection (1009). Four times the
+  // largest message the service's server takes from a client (1 MB): room for its batches.
+  std::size_t max_message_size = 4u * 1024u * 1024u;
+  // Beyond it, what one packet may make the client hold; over them the connection closes too.
+  DecoderLimits packet_limits;
 };
 
 // The reason texts of the "disconnect" event.
@@ -98,20 +101,23 @@ class Socket {
 };
 
 // Owns the connection to one server URL and its default-namespace socket. Destroying the manager
-// closes the connection silently: once the destructor returns no handler runs (off the executor's
-// thread it waits for the executor to take the connection down).
+// closes the connection silently and never waits for the executor: once the destructor has returned
+// no handler of the socket begins (one already running may finish), and the connect time-out handler
+// does not run. Acknowledgement callbacks are still answered exactly once, by the server or with
+// ["NO ACK"] at their time-out.
 class Manager {
  public:
   Manager(boost::asio::any_io_executor executor, std::string url, Options options);
+  // Over an engine built elsewhere, e.g. on an in-memory transport.
+  explicit Manager(std::shared_ptr<detail::Engine> engine);
   ~Manager();
   Manager(const Manager&) = delete;
   Manager& operator=(const Manager&) = delete;
 
   const std::shared_ptr<Socket>& socket() const { return socket_; }
-  const std::string& url() const { return url_; }
+  const std::string& url() const;
 
  private:
-  std::string url_;
   std::shared_ptr<Socket> socket_;
 };
 

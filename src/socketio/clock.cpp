@@ -15,12 +15,7 @@ class SteadyTimer : public Timer, public std::enable_shared_from_this<SteadyTime
 
   void start(Clock::duration delay) {
     timer_.expires_after(delay);
-    timer_.async_wait([self = shared_from_this()](boost::system::error_code) {
-      // The flag, not the error code, decides: cancel() may race with a completion already queued.
-      if (self->cancelled_.exchange(true)) return;
-      auto fn = std::move(self->fn_);
-      fn();
-    });
+    timer_.async_wait(Wait(shared_from_this()));
   }
 
   void cancel() override {
@@ -33,6 +28,27 @@ class SteadyTimer : public Timer, public std::enable_shared_from_this<SteadyTime
   }
 
  private:
+  // The wait's handler. Destroyed without having run, because its event loop went first, it drops
+  // the function: that may hold the very object that holds this timer, and neither would be freed.
+  class Wait {
+   public:
+    explicit Wait(std::shared_ptr<SteadyTimer> timer) : timer_(std::move(timer)) {}
+    Wait(Wait&&) = default;
+    ~Wait() {
+      if (timer_) timer_->fn_ = nullptr;
+    }
+    void operator()(boost::system::error_code) {
+      auto timer = std::move(timer_);
+      // The flag, not the error code, decides: cancel() may race with a completion already queued.
+      if (timer->cancelled_.exchange(true)) return;
+      auto fn = std::move(timer->fn_);
+      fn();
+    }
+
+   private:
+    std::shared_ptr<SteadyTimer> timer_;
+  };
+
   boost::asio::steady_timer timer_;
   std::function<void()> fn_;
   std::atomic<bool> cancelled_{false};

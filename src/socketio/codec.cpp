@@ -1,14 +1,17 @@
 #include "socketio/codec.hpp"
 
 #include <boost/json/object.hpp>
-#include <boost/json/parse.hpp>
+#include <boost/json/parser.hpp>
 #include <boost/json/serializer.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <limits>
+#include <memory>
+#include <new>
 
 namespace sio {
 
@@ -28,13 +31,62 @@ bool isDigit(char c) {
 // Hostile nesting must not exhaust the stack of the parser or of the walks over the parsed value.
 constexpr std::size_t kMaxJsonDepth = 64;
 
-std::optional<json::value> parseJson(std::string_view text) {
+// An open packet is a hundred bytes or so.
+constexpr std::size_t kHandshakeMemory = 64 * 1024;
+
+// Meters what parsing one payload allocates (the parser's stack and the value) against a budget.
+// The budget ends with the parse: the value, and the copies the application makes of it (which
+// share this resource), allocate freely afterwards.
+class Budget final : public json::memory_resource {
+ public:
+  // The shared holder keeps the resource out of reach: it tells where it is through `self`.
+  Budget(std::size_t bytes, Budget*& self) : left_(bytes) { self = this; }
+  // Called before the value leaves the parsing thread, so later allocations elsewhere never read a
+  // changing budget.
+  void lift() { metered_ = false; }
+
+ private:
+  void* do_allocate(std::size_t n, std::size_t) override {
+    if (metered_) {
+      if (n > left_) throw std::bad_alloc();
+      left_ -= n;
+    }
+    return ::operator new(n);
+  }
+  void do_deallocate(void* p, std::size_t n, std::size_t) override {
+    if (metered_) left_ += n;
+    ::operator delete(p);
+  }
+  bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
+
+  std::size_t left_;
+  bool metered_ = true;
+};
+
+// No JSON text takes more than 36 times its size to parse (a run of one-digit numbers, the parser's
+// stack just doubled): a payload too short to reach its budget, as nearly all are, is not metered.
+constexpr std::size_t kDensestJson = 48;
+
+Result<json::value> parseJson(std::string_view text, std::size_t budget) {
+  using R = Result<json::value>;
   json::parse_options options;
   options.max_depth = kMaxJsonDepth;
-  boost::system::error_code ec;
-  json::value v = json::parse(json::string_view(text.data(), text.size()), ec, {}, options);
-  if (ec) return std::nullopt;
-  return v;
+  Budget* meter = nullptr;
+  json::storage_ptr storage;
+  if (text.size() > budget / kDensestJson) storage = json::make_shared_resource<Budget>(budget, meter);
+  unsigned char stack[BOOST_JSON_STACK_BUFFER_SIZE];
+  json::parser parser(storage, options, stack);
+  parser.reset(storage);
+  try {
+    boost::system::error_code ec;
+    parser.write(text.data(), text.size(), ec);
+    if (ec) return R::fail("payload is not valid JSON");
+    auto value = parser.release();
+    if (meter) meter->lift();
+    return ok(std::move(value));
+  } catch (const std::bad_alloc&) {
+    return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
+  }
 }
 
 // Serializes straight into the tail of `out`, growing it as the serializer asks for room.
@@ -47,6 +99,47 @@ void appendJson(std::string& out, const T& v) {
     out.resize(std::max(out.capacity(), used + 64));
     out.resize(used + sr.read(out.data() + used, out.size() - used).size());
   }
+}
+
+// JSON has no Infinity or NaN, and Boost.JSON writes them as such; the server would close the
+// connection on them. They go out as null, as JSON.stringify writes them. The check walks without
+// allocating; only a payload that has one pays for a copy.
+bool hasNonFinite(const json::value& v);
+bool hasNonFinite(const json::array& a) {
+  return std::any_of(a.begin(), a.end(), [](const json::value& e) { return hasNonFinite(e); });
+}
+bool hasNonFinite(const json::object& o) {
+  return std::any_of(o.begin(), o.end(), [](const json::key_value_pair& e) { return hasNonFinite(e.value()); });
+}
+bool hasNonFinite(const json::value& v) {
+  if (const auto* d = v.if_double()) return !std::isfinite(*d);
+  if (const auto* a = v.if_array()) return hasNonFinite(*a);
+  if (const auto* o = v.if_object()) return hasNonFinite(*o);
+  return false;
+}
+
+void nullNonFinite(json::value& v);
+void nullNonFinite(json::array& a) {
+  for (auto& e : a) nullNonFinite(e);
+}
+void nullNonFinite(json::object& o) {
+  for (auto& e : o) nullNonFinite(e.value());
+}
+void nullNonFinite(json::value& v) {
+  if (const auto* d = v.if_double(); d && !std::isfinite(*d)) {
+    v = nullptr;
+  } else if (auto* a = v.if_array()) {
+    nullNonFinite(*a);
+  } else if (auto* o = v.if_object()) {
+    nullNonFinite(*o);
+  }
+}
+
+void appendFiniteJson(std::string& out, const json::array& args) {
+  if (!hasNonFinite(args)) return appendJson(out, args);
+  json::array copy(args);
+  nullNonFinite(copy);
+  appendJson(out, copy);
 }
 
 void appendNumber(std::string& out, std::uint64_t n) {
@@ -92,6 +185,8 @@ const char* payloadError(PacketType type, const json::value* payload) {
       const auto* args = payload ? payload->if_array() : nullptr;
       if (!args || args->empty()) return "EVENT payload is not a non-empty array";
       const auto& name = args->front();
+      // One that overflowed could not go back out: JSON carries it as null.
+      if (const auto* d = name.if_double(); d && !std::isfinite(*d)) return "event name is not a finite number";
       if (name.is_number()) return nullptr;
       if (!name.is_string()) return "event name is neither a string nor a number";
       const auto& s = name.get_string();
@@ -129,7 +224,7 @@ Frames encodeArgs(PacketType plain, PacketType binary, std::optional<std::uint64
                   const Payload& payload) {
   Frames out{packetHead(plain, binary, payload.buffers.size()), payload.buffers};
   if (id) appendNumber(out.text, *id);
-  appendJson(out.text, payload.args);
+  appendFiniteJson(out.text, payload.args);
   return out;
 }
 
@@ -193,9 +288,9 @@ Result<TextPacket> decodeText(std::string_view frame) {
 
 Result<Handshake> decodeHandshake(std::string_view text) {
   using R = Result<Handshake>;
-  auto parsed = parseJson(text);
-  if (!parsed) return R::fail("open packet is not valid JSON");
-  const auto* obj = parsed->if_object();
+  auto parsed = parseJson(text, kHandshakeMemory);
+  if (!parsed) return R::fail("open packet: " + parsed.error);
+  const auto* obj = parsed.value->if_object();
   if (!obj) return R::fail("open packet is not a JSON object");
   const auto* sid = obj->if_contains("sid");
   if (!sid || !sid->is_string() || sid->get_string().empty()) return R::fail("open packet has no sid");
@@ -219,10 +314,8 @@ Result<Handshake> decodeHandshake(std::string_view text) {
 
 }  // namespace engine
 
-Frames encodeConnect(const json::object* auth) {
-  Frames out{"40", {}};
-  if (auth) appendJson(out.text, *auth);
-  return out;
+Frames encodeConnect() {
+  return Frames{"40", {}};
 }
 
 Frames encodeDisconnect() {
@@ -288,9 +381,11 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
   }
 
   if (i < data.size()) {
-    auto payload = parseJson(data.substr(i));
-    if (!payload) return R::fail("payload is not valid JSON");
-    packet.data = std::move(*payload);
+    auto payload = parseJson(data.substr(i), limits_.json_memory);
+    if (!payload) return R::fail(payload.error);
+    // Constructed in place: assigning a value from another memory resource would copy it.
+    std::destroy_at(&packet.data);
+    std::construct_at(&packet.data, std::move(*payload.value));
   }
   if (const char* why = payloadError(packet.type, packet.data.is_null() ? nullptr : &packet.data)) {
     return R::fail(why);
@@ -314,6 +409,11 @@ Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
   if (!frame) {
     reset();
     return R::fail("missing binary frame");
+  }
+  pending_bytes_ += frame->size();
+  if (pending_bytes_ > limits_.attachment_bytes) {
+    reset();
+    return R::fail("attachments over " + std::to_string(limits_.attachment_bytes) + " bytes in all");
   }
   pending_->buffers.push_back(std::move(frame));
   if (pending_->buffers.size() < expected_) return ok(Output{});

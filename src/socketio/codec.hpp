@@ -81,8 +81,8 @@ struct Frames {
   std::vector<BufferPtr> binary;
 };
 
-// Encodes CONNECT (optional auth object), DISCONNECT, EVENT/ACK (binary types chosen from the payload).
-Frames encodeConnect(const boost::json::object* auth = nullptr);
+// Encodes CONNECT, DISCONNECT, EVENT/ACK (binary types chosen from the payload).
+Frames encodeConnect();
 Frames encodeDisconnect();
 Frames encodeEvent(const Payload& payload, std::optional<std::uint64_t> ack_id);
 Frames encodeAck(std::uint64_t ack_id, const Payload& payload);
@@ -92,20 +92,37 @@ bool isReservedEventName(std::string_view name);
 
 constexpr std::size_t kMaxAttachments = 10;
 
+// What one inbound packet may make the client hold. The service's message bodies are at most
+// 32 KiB and its batches (member lists, attribute maps, presence) well under a MiB; without bounds a
+// hostile frame of [0,0,...] grows 25-fold once parsed.
+struct DecoderLimits {
+  // All the attachments of one packet together: ten bodies of the largest size, with room to spare.
+  std::size_t attachment_bytes = 4u * 1024u * 1024u;
+  // Building the packet's JSON value, parser stack included: real payloads take 3 to 10 times
+  // their text, so any message the WebSocket limit admits parses; a denser one is refused.
+  std::size_t json_memory = 32u * 1024u * 1024u;
+};
+
 // Turns Engine.IO message data into Socket.IO packets, holding a binary packet until all of its
 // attachments have arrived. After an error the decoder is reset; the caller closes the connection.
 class Decoder {
  public:
   using Output = std::variant<std::monostate, Packet>;  // monostate: need more frames
+  explicit Decoder(DecoderLimits limits = {}) : limits_(limits) {}
   // Text message data, i.e. the frame without its Engine.IO '4'.
   Result<Output> onText(std::string_view data);
   Result<Output> onBinary(BufferPtr frame);
   bool awaitingAttachments() const { return pending_.has_value(); }
-  void reset() { pending_.reset(); }
+  void reset() {
+    pending_.reset();
+    pending_bytes_ = 0;
+  }
 
  private:
+  DecoderLimits limits_;
   std::optional<Packet> pending_;
   std::size_t expected_ = 0;
+  std::size_t pending_bytes_ = 0;
 };
 
 // Where to connect: built from a base URL, a path and the user's query parameters.

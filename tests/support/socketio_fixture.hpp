@@ -13,20 +13,21 @@
 
 namespace testing_support {
 
-// Records every event (and "connect"/"disconnect") that reaches a socket.
+// Records every event (and "connect"/"disconnect") that reaches a socket. Its handlers share the
+// record: one still running when its socket's manager is dropped outlives the recorder harmlessly.
 class Recorder {
  public:
   void attach(sio::Socket& socket, std::initializer_list<const char*> events) {
     for (auto* e : events) {
-      socket.on(e, [this, name = std::string(e)](const sio::Payload& p, const sio::Responder&) {
-        std::lock_guard lock(mutex_);
-        heard_.emplace_back(name, p);
+      socket.on(e, [record = record_, name = std::string(e)](const sio::Payload& p, const sio::Responder&) {
+        std::lock_guard lock(record->mutex);
+        record->heard.emplace_back(name, p);
       });
     }
   }
   std::vector<std::pair<std::string, sio::Payload>> heard() const {
-    std::lock_guard lock(mutex_);
-    return heard_;
+    std::lock_guard lock(record_->mutex);
+    return record_->heard;
   }
   std::vector<sio::Payload> of(const std::string& event) const {
     std::vector<sio::Payload> out;
@@ -46,28 +47,30 @@ class Recorder {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<std::string, sio::Payload>> heard_;
+  struct Record {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, sio::Payload>> heard;
+  };
+  std::shared_ptr<Record> record_ = std::make_shared<Record>();
 };
 
-// A socket on `url` with a recorder attached before it connects. The manager is destroyed first, so
-// no handler outlives the recorder.
+// A socket on `url` with a recorder attached before it connects.
 class Session {
  public:
   explicit Session(const std::string& url, sio::Options options = {},
                    std::initializer_list<const char*> events = {"connect", "disconnect"})
       : manager_(std::make_shared<sio::Manager>(qnbrl::MainQueue::executor(), url, std::move(options))) {
     recorder_.attach(*manager_->socket(), events);
-    manager_->socket()->connect(std::chrono::seconds(6), [this] { ++timeouts_; });
+    manager_->socket()->connect(std::chrono::seconds(6), [timeouts = timeouts_] { ++*timeouts; });
   }
   sio::Socket& socket() { return *manager_->socket(); }
   std::shared_ptr<sio::Manager>& manager() { return manager_; }
   const Recorder& recorder() const { return recorder_; }
-  int timeouts() const { return timeouts_; }
+  int timeouts() const { return *timeouts_; }
 
  private:
   Recorder recorder_;
-  std::atomic<int> timeouts_{0};
+  std::shared_ptr<std::atomic<int>> timeouts_ = std::make_shared<std::atomic<int>>(0);
   std::shared_ptr<sio::Manager> manager_;
 };
 
