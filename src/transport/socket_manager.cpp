@@ -78,16 +78,13 @@ void QNSocketManager::disconnect() {
 
 void QNSocketManager::destroy() {
   disconnect();
-  std::shared_ptr<sio::Manager> dropped;
+  std::unique_ptr<sio::Manager> dropped;
   {
     std::lock_guard lock(mutex_);
     dropped = std::move(manager_);
     socket_.reset();
     ++generation_;
   }
-  // Dropped on the main queue, after the disconnect queued there: once a manager is gone its socket
-  // reports nothing, and the "disconnect" of this leave must still reach the session.
-  MainQueue::async([dropped = std::move(dropped)] {});
 }
 
 void QNSocketManager::registerCallback() {
