@@ -94,12 +94,12 @@ constexpr std::size_t kMaxAttachments = 10;
 
 // What one inbound packet may make the client hold. The service's message bodies are at most
 // 32 KiB and its batches (member lists, attribute maps, presence) well under a MiB; without bounds a
-// hostile frame of [0,0,...] grows 25-fold once parsed.
+// hostile frame of [0,0,...] takes up to 36 times its size while it is parsed.
 struct DecoderLimits {
   // All the attachments of one packet together: ten bodies of the largest size, with room to spare.
   std::size_t attachment_bytes = 4u * 1024u * 1024u;
   // Building the packet's JSON value, parser stack included: real payloads take 3 to 10 times
-  // their text, so any message the WebSocket limit admits parses; a denser one is refused.
+  // their text, so even batches of several MiB parse; a denser one is refused.
   std::size_t json_memory = 32u * 1024u * 1024u;
 };
 

@@ -24,6 +24,27 @@ void nullNonFinite(boost::json::value& v) {
   }
 }
 
+// Boost.JSON 1.81 reads some doubles an ulp away from the nearest (24e100): one read, written and
+// read again may move that little.
+bool same(const boost::json::value& a, const boost::json::value& b) {
+  if (a.is_double() && b.is_double()) {
+    const double x = a.get_double(), y = b.get_double();
+    return x == y || std::abs(x - y) <= 1e-15 * std::max(std::abs(x), std::abs(y));
+  }
+  if (a.is_array() && b.is_array()) {
+    const auto &p = a.get_array(), &q = b.get_array();
+    return p.size() == q.size() && std::equal(p.begin(), p.end(), q.begin(), same);
+  }
+  if (a.is_object() && b.is_object()) {
+    const auto &p = a.get_object(), &q = b.get_object();
+    return p.size() == q.size() && std::all_of(p.begin(), p.end(), [&](const boost::json::key_value_pair& e) {
+             const auto* other = q.if_contains(e.key());
+             return other && same(e.value(), *other);
+           });
+  }
+  return a == b;
+}
+
 // Delivered events and acks must survive a re-encode and decode (count-0 binary packets come back
 // as plain ones, non-finite numbers as null).
 void checkRoundTrip(const sio::Result<sio::Decoder::Output>& r) {
@@ -47,7 +68,7 @@ void checkRoundTrip(const sio::Result<sio::Decoder::Output>& r) {
   const auto plain = event ? sio::PacketType::Event : sio::PacketType::Ack;
   const auto binary = event ? sio::PacketType::BinaryEvent : sio::PacketType::BinaryAck;
   if (!copy || copy->type != (packet->buffers.empty() ? plain : binary) || copy->id != packet->id ||
-      copy->buffers != packet->buffers || copy->data != expected) {
+      copy->buffers != packet->buffers || !same(copy->data, expected)) {
     std::abort();
   }
 }

@@ -57,8 +57,10 @@ class Script {
 class Run {
  public:
   Run() {
-    engine_ = std::make_shared<sio::detail::Engine>(io_.get_executor(), "http://memory", sio::Options{},
-                                                    link_.factory());
+    // Bounds small enough for the script's frames to meet them, the JSON budget's metering included.
+    sio::Options options;
+    options.packet_limits = {512, 8 * 1024};
+    engine_ = std::make_shared<sio::detail::Engine>(io_.get_executor(), "http://memory", options, link_.factory());
     engine_->on("connect", [this](const sio::Payload&, const sio::Responder&) {
       check(live_ && open_accepted_);
     });
