@@ -75,8 +75,8 @@ TEST_F(RecorderTest, EachEventIsTheCommonParametersThenItsOwnFieldsInAnEnvelope)
       R"("clientSessionId":"","timestamp":"*","type":)";
   const char* const own[] = {
       R"("StartLogin","loginParams":{"token":"tok","uid":"alice","timestamp":1700000000000}})",
-      R"("LoginResult","result":18446744073709551615,"errorCode":-1,"totalElapsed":"*",)"
-      R"("elapsedInfo":{"getServers":15,"connectServer":16}})",
+      (R"("LoginResult","result":18446744073709551615,"errorCode":-1,"totalElapsed":"*",)"
+       R"("elapsedInfo":{"getServers":15,"connectServer":16}})"),
       R"("Logout","result":5,"errorCode":3,"elapsed":"*"})",
       R"("JoinChannel","channelId":"c1","channelSessionId":"*","result":1,"errorCode":2,"elapsed":"*"})",
       R"("LeaveChannel","channelId":"c1","channelSessionId":"*","result":3,"errorCode":4,"elapsed":"*"})",
