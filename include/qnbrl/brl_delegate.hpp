@@ -2,9 +2,12 @@
 // What the client tells the application. Every member is optional: an empty one is a callback the
 // application does not implement, and the event is dropped. Callbacks run on the library's main
 // queue, except the login-started change, which runs on the thread that called loginByToken.
+#include "qnbrl/brl_message.hpp"
 #include "qnbrl/brl_types.hpp"
 
 #include <functional>
+#include <memory>
+#include <string>
 
 namespace qnbrl {
 
@@ -16,6 +19,9 @@ struct QNBRLDelegate {
   // The server ended the live session because the token expired. Reconnection goes on with the old
   // credentials until the application calls renewToken.
   std::function<void(QNBRLKit& kit)> tokenDidExpire;
+  // A message from a peer: a QNBRLMessage, or a QNBRLRawMessage when it carries bytes.
+  std::function<void(QNBRLKit& kit, const std::shared_ptr<QNBRLMessage>& message, const std::string& peerId)>
+      messageReceived;
 };
 
 }  // namespace qnbrl

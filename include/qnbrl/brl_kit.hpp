@@ -2,14 +2,24 @@
 // The one object an application creates to use the signalling service. Every operation may be called
 // from any thread; none throws. Completions and delegate callbacks never run under a library lock, so
 // they may call back into the client, destroy it included.
+//
+// Requests: a local refusal (102 when not logged in, then the operation's own checks) completes at
+// once on the calling thread and sends nothing; every other outcome completes on the library's main
+// queue, exactly once, even when the application released the client in between.
+#include "qnbrl/brl_attribute.hpp"
+#include "qnbrl/brl_channel.hpp"
+#include "qnbrl/brl_channel_types.hpp"
 #include "qnbrl/brl_delegate.hpp"
+#include "qnbrl/brl_message.hpp"
 #include "qnbrl/brl_options.hpp"
 #include "qnbrl/brl_types.hpp"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace qnbrl {
 
@@ -53,6 +63,42 @@ class QNBRLKit {
   // New credentials for the next connection: 0, 2 for a token that is not 32 non-space characters,
   // 102 when not logged in. Called on the calling thread.
   void renewToken(const std::string& token, std::int64_t timeStamp, TokenCompletion completion);
+
+  // Channels. The same id gives the same object; the delegate (held weakly) replaces the earlier one.
+  // Null for an id that fails the ID pattern (1 to 64 ASCII letters, digits, white space or
+  // !#$%&()+-:;<=.>?@[\]^_{}|~,).
+  std::shared_ptr<QNBRLChannel> createChannelWithId(const std::string& channelId,
+                                                    std::weak_ptr<QNBRLChannelDelegate> delegate);
+  // Forgets the channel object; it does not leave the channel. False when unknown or invalid.
+  bool destroyChannelWithId(const std::string& channelId);
+  // Member counts of up to 32 channels, in the server's order. Codes: QNBRLChannelMemberCountErrorCode.
+  using MemberCountCompletion = std::function<void(std::optional<std::vector<QNChannelMemberCount>> counts, int code)>;
+  void getChannelMemberCount(const std::vector<std::string>& channelIds, MemberCountCompletion completion);
+
+  // Channel attributes; no join needed. An absent options object notifies nobody. Codes:
+  // QNBRLChannelAttributeErrorCode (3 for an empty list or an invalid channel id).
+  using Options = std::optional<QNBRLChannelAttributeOptions>;
+  using AttributesCompletion = std::function<void(std::optional<std::vector<QNBRLAttribute>> attributes, int code)>;
+  // Replaces the whole map; a later duplicate key wins.
+  void setChannel(const std::string& channelId, const std::vector<QNBRLAttribute>& attributes, const Options& options,
+                  Completion completion);
+  // Merges into the map.
+  void addOrUpdateChannel(const std::string& channelId, const std::vector<QNBRLAttribute>& attributes,
+                          const Options& options, Completion completion);
+  void deleteChannelAttributes(const std::string& channelId, const std::vector<std::string>& keys,
+                               const Options& options, Completion completion);
+  void clearChannelAttributes(const std::string& channelId, const Options& options, Completion completion);
+  // The whole map, in the server's order.
+  void getChannelAttributes(const std::string& channelId, AttributesCompletion completion);
+  // The named keys that exist.
+  void getChannelAttributes(const std::string& channelId, const std::vector<std::string>& keys,
+                            AttributesCompletion completion);
+
+  // A message to one user; the peer id is not checked. With enableOfflineMessaging the server keeps it
+  // for an offline peer. A body over QNBRLMessageMaxBytes is told with 7 at once and still sent, so
+  // the completion then runs again with the outcome. Codes: QNBRLPeerMessageErrorCode.
+  void sendMessage(const std::shared_ptr<QNBRLMessage>& message, const std::string& peerId,
+                   const std::optional<QNBRLSendMessageOptions>& options, Completion completion);
 
   struct Impl;
 

@@ -193,10 +193,8 @@ void QNBRLKit::Impl::onLoginSuccess(QNBRLKit& kit, const sio::Payload& data) {
   bool reconnection = stateManager->login();
   // Before anyone is told, so that a callback that sends a request finds the session logged in.
   stateManager->setLogin(true);
-  if (reconnection) {
-    // The replays of the joined channels, the local attributes and the peer subscriptions, in that
-    // order, run here, before the delegate hears of the new connection.
-  }
+  // The replays run before the delegate hears of the new connection: the joined channels first.
+  if (reconnection) channels->restoreJoinedChannels();
   bool pending = false;
   {
     std::lock_guard lock(mutex);

@@ -1,4 +1,4 @@
-#include "client/kit_impl.hpp"
+#include "transport/wire.hpp"
 #include "client/login_params.hpp"
 #include "client/state_helper.hpp"
 #include "support/text.hpp"
