@@ -186,7 +186,7 @@ class TavernServer {
     }
     socket.on('command', (...rest) => {
       const { args, ack } = withoutAck(rest);
-      this.commands.handle({ server: this.id, socket: socket.id }, args[0], args[1], ack);
+      this.commands.handle({ server: this.id, socket: socket.id }, args[0], args[1], ack, socket);
     });
     socket.on('echo', (...rest) => {
       const { args, ack } = withoutAck(rest);

@@ -190,6 +190,8 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
                : o.wrongHostCert ? "wronghost"
                                  : "trusted"},
       {"session", o.session},
+      {"memberGraceMs", o.memberGrace.count()},
+      {"rateLimit", o.rateLimit},
       {"record", o.record},
       {"verbose", o.verbose},
   };
@@ -350,6 +352,67 @@ std::optional<double> DevServer::burst(int server, const std::string& socket, co
   const auto* ms = reply.if_contains("ms");
   if (!isOk(reply) || !ms || !ms->is_number()) return std::nullopt;
   return ms->to_number<double>();
+}
+
+namespace {
+
+std::vector<std::string> stringList(const json::value* v) {
+  std::vector<std::string> out;
+  if (v && v->is_array()) {
+    for (const auto& s : v->get_array()) {
+      if (s.is_string()) out.emplace_back(s.get_string());
+    }
+  }
+  return out;
+}
+
+ChannelState channelFrom(const json::object& o) {
+  ChannelState c{stringList(o.if_contains("members")), stringList(o.if_contains("away")), {}};
+  for (const auto& [k, v] : objectAt(o, "attributes")) {
+    if (v.is_string()) c.attributes[std::string(k)] = v.get_string();
+  }
+  return c;
+}
+
+KeptMessage keptFrom(const json::object& o) {
+  KeptMessage m{str(o, "fromUserId"), integer(o, "serverReceivedTs"), std::nullopt, std::nullopt};
+  const auto content = objectAt(o, "content");
+  if (const auto* t = content.if_contains("text"); t && t->is_string()) m.text = std::string(t->get_string());
+  if (const auto* b = content.if_contains("binary")) m.binary = bytesFrom(*b);
+  return m;
+}
+
+}  // namespace
+
+std::map<std::string, AppState> DevServer::model(const std::string& app) {
+  json::object req{{"cmd", "model"}};
+  if (!app.empty()) req["app"] = app;
+  std::map<std::string, AppState> out;
+  for (const auto& [id, v] : objectAt(call(std::move(req)), "apps")) {
+    if (!v.is_object()) continue;
+    const auto& o = v.get_object();
+    AppState& a = out[std::string(id)];
+    a.online = stringList(o.if_contains("online"));
+    for (const auto& [channel, c] : objectAt(o, "channels")) {
+      if (c.is_object()) a.channels[std::string(channel)] = channelFrom(c.get_object());
+    }
+    for (const auto& [user, list] : objectAt(o, "offlineMessages")) {
+      if (!list.is_array()) continue;
+      auto& kept = a.offlineMessages[std::string(user)];
+      for (const auto& m : list.get_array()) {
+        if (m.is_object()) kept.push_back(keptFrom(m.get_object()));
+      }
+    }
+  }
+  return out;
+}
+
+bool DevServer::setRateLimit(int perSecond) {
+  return isOk(call({{"cmd", "options"}, {"rateLimit", perSecond}}));
+}
+
+bool DevServer::setMemberGrace(std::chrono::milliseconds grace) {
+  return isOk(call({{"cmd", "options"}, {"memberGraceMs", grace.count()}}));
 }
 
 bool DevServer::scriptDiscovery(const DiscoveryAnswer& answer) {
