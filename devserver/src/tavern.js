@@ -327,17 +327,19 @@ class TavernServer {
 
   // Emits `count` events of `size` characters each to one connection as fast as the event loop allows,
   // yielding between chunks so the sends make progress; resolves when every emit is handed over.
-  async burst(socketId, event, count, size) {
+  // args: the event's argument list (binary values as in push); without it, one string of `size` bytes.
+  async burst(socketId, event, count, size, args) {
     if (socketId === undefined || socketId === null) throw new Error('burst needs a socket');
     if (typeof event !== 'string') throw new Error('event must be a string');
     if (!Number.isInteger(count) || count < 0 || !Number.isInteger(size) || size < 0) {
       throw new Error('count and size must be non-negative integers');
     }
+    if (args !== undefined && !Array.isArray(args)) throw new Error('args must be an array');
     const [socket] = this.targets(socketId);
-    const payload = 'x'.repeat(size);
+    const payload = args === undefined ? ['x'.repeat(size)] : binary.decode(args);
     const started = process.hrtime.bigint();
     for (let i = 0; i < count; ) {
-      for (const end = Math.min(count, i + 1000); i < end; ++i) socket.emit(event, payload);
+      for (const end = Math.min(count, i + 1000); i < end; ++i) socket.emit(event, ...payload);
       if (i < count) await new Promise((resolve) => setImmediate(resolve));
     }
     return { sent: count, ms: Number(process.hrtime.bigint() - started) / 1e6 };

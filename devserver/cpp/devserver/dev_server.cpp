@@ -341,14 +341,11 @@ bool DevServer::setSilent(int server, Silence mode) {
 }
 
 std::optional<double> DevServer::burst(int server, const std::string& socket, const std::string& event, int n,
-                                       int size) {
-  const auto reply = call({{"cmd", "burst"},
-                           {"server", server},
-                           {"socket", socket},
-                           {"event", event},
-                           {"count", n},
-                           {"size", size}},
-                          10min);
+                                       int size, std::optional<boost::json::array> args) {
+  boost::json::object request{{"cmd", "burst"}, {"server", server}, {"socket", socket},
+                              {"event", event}, {"count", n},       {"size", size}};
+  if (args) request["args"] = std::move(*args);
+  const auto reply = call(std::move(request), 10min);
   const auto* ms = reply.if_contains("ms");
   if (!isOk(reply) || !ms || !ms->is_number()) return std::nullopt;
   return ms->to_number<double>();
