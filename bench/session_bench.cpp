@@ -331,7 +331,7 @@ void runIdleClients(std::ostream& out, const char* name, bool deflate, int clien
       .add("heap_kib_per_client", (after.heapKib - before.heapKib) / clients, 1)
       .add("idle_cpu_s_per_s", idleCpu, 4)
       .add("target_threads", kThreadTarget)
-      .add("target_rss_kib_per_client", kRssTargetKib, 0)
+      .add("target_rss_kib_per_client", join ? kJoinedRssTargetKib : kRssTargetKib, 0)
       .add("pass", after.threads <= kThreadTarget && rssPerClient <= (join ? kJoinedRssTargetKib : kRssTargetKib) &&
                        (!join || idleCpu <= kJoinedCpuTarget))
       .print(out);
