@@ -5,7 +5,10 @@
 #include "channels/channel_registry.hpp"
 #include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_manager.hpp"
+#include "peers/peer_attributes.hpp"
 #include "peers/peer_messages.hpp"
+#include "peers/presence.hpp"
+#include "peers/user_attributes.hpp"
 #include "support/socketio_fixture.hpp"
 #include "transport/request.hpp"
 
@@ -86,6 +89,9 @@ class FeatureFixture : public ::testing::Test {
   std::shared_ptr<qnbrl::QNBRLChannelRegistry> channels = std::make_shared<qnbrl::QNBRLChannelRegistry>(requests);
   qnbrl::QNChannelAttributes attributes{requests};
   qnbrl::QNPeerMessages peers{requests};
+  std::shared_ptr<qnbrl::QNUserAttributes> users = std::make_shared<qnbrl::QNUserAttributes>(requests);
+  std::shared_ptr<qnbrl::QNPresence> presence = std::make_shared<qnbrl::QNPresence>(requests);
+  std::shared_ptr<qnbrl::QNPeerAttributes> peerAttributes = std::make_shared<qnbrl::QNPeerAttributes>(requests);
 
  private:
   std::size_t records_before_ = 0;
