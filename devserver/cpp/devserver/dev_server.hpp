@@ -202,10 +202,18 @@ struct KeptMessage {  // a peer message kept for an offline target
   std::optional<Bytes> binary;
 };
 
+struct UserState {  // a user the service knows (has attributes or subscriptions)
+  std::map<std::string, std::string> attributes;
+  std::vector<std::string> onlineStatusSubscriptions;  // peers, sorted
+  std::vector<std::string> attributeSubscriptions;     // peers, sorted
+  bool operator==(const UserState&) const = default;
+};
+
 struct AppState {
   std::vector<std::string> online;  // users with a live accepted login
   std::map<std::string, ChannelState> channels;
   std::map<std::string, std::vector<KeptMessage>> offlineMessages;  // by target user, oldest first
+  std::map<std::string, UserState> users;
 };
 
 enum class Silence {
