@@ -341,9 +341,9 @@ bool DevServer::setSilent(int server, Silence mode) {
 }
 
 std::optional<double> DevServer::burst(int server, const std::string& socket, const std::string& event, int n,
-                                       int size, std::optional<boost::json::array> args) {
+                                       int size, std::optional<boost::json::array> args, bool cycle) {
   boost::json::object request{{"cmd", "burst"}, {"server", server}, {"socket", socket},
-                              {"event", event}, {"count", n},       {"size", size}};
+                              {"event", event}, {"count", n},       {"size", size}, {"cycle", cycle}};
   if (args) request["args"] = std::move(*args);
   const auto reply = call(std::move(request), 10min);
   const auto* ms = reply.if_contains("ms");
