@@ -281,27 +281,25 @@ void runChannelBenchmarks(std::ostream& out) {
     }
     report(out, "channels.event", sdk, raw, kEventTarget, n);
   }
-  const int perBurst = settings.count(kEvents);
-  if (presence) {
-    const int pushes = settings.count(kPushes);
+  // One item beside one channel event, measured in turn.
+  auto compare = [&](const char* name, int items, const std::function<double()>& measure) {
+    const int perBurst = settings.count(kEvents);
     std::vector<double> item, event;
-    clients.presenceItems(pushes);
+    measure();  // warm-up
     for (int r = 0; r < rounds; ++r) {
-      item.push_back(clients.presenceItems(pushes));
+      item.push_back(measure());
       event.push_back(clients.events(clients.sdkEvents, clients.sdkSocket, perBurst));
     }
-    reportItems(out, "peers.presence", item, event, pushes * kPeers);
+    reportItems(out, name, item, event, items);
+  };
+  if (presence) {
+    const int pushes = settings.count(kPushes);
+    compare("peers.presence", pushes * kPeers, [&] { return clients.presenceItems(pushes); });
   }
   if (fetch) {
     if (!clients.server.scriptCommand("getPeersUserAttributes", devserver::CommandAnswer().ack(fetchAnswer())))
       throw std::runtime_error("the dev server refused the script");
     const int fetches = settings.count(kFetches);
-    std::vector<double> item, event;
-    clients.fetchItems(fetches);
-    for (int r = 0; r < rounds; ++r) {
-      item.push_back(clients.fetchItems(fetches));
-      event.push_back(clients.events(clients.sdkEvents, clients.sdkSocket, perBurst));
-    }
-    reportItems(out, "peers.fetch", item, event, fetches * kPeers);
+    compare("peers.fetch", fetches * kPeers, [&] { return clients.fetchItems(fetches); });
   }
 }

@@ -6,8 +6,6 @@
 #include "transport/callback.hpp"
 #include "transport/wire.hpp"
 
-#include <algorithm>
-
 namespace qnbrl {
 namespace {
 
@@ -59,12 +57,6 @@ constexpr Operation kFetchByKeys{
     .recordFirst = true,
 };
 
-bool validIds(const std::vector<std::string>& peerIds) {
-  return !peerIds.empty() && std::all_of(peerIds.begin(), peerIds.end(), isValidId);
-}
-
-boost::json::array arrayOf(const std::vector<std::string>& texts) { return boost::json::array(texts.begin(), texts.end()); }
-
 // One entry per user of a {userId: {"attributes": {...}}} map, in the map's order. With `perUserResult`
 // a user whose "result" is a number other than 0 comes without attributes.
 std::vector<QNBRLUserAttributes> usersOf(const boost::json::object& byUser, bool perUserResult) {
@@ -82,26 +74,12 @@ std::vector<QNBRLUserAttributes> usersOf(const boost::json::object& byUser, bool
 
 }  // namespace
 
-void QNPeerAttributes::subscription(const Operation& op, std::vector<std::string> peerIds, bool subscribe,
-                                    Completion completion) {
-  bool valid = validIds(peerIds);
-  boost::json::object payload{{"userIds", arrayOf(peerIds)}};
-  requests_->send(op, {.refusal = valid ? 0 : QNBRLPeerAttributeErrorInvalidArgument,
-                       .payload = std::move(payload),
-                       .finish = [subscribed = std::weak_ptr(subscribed_), subscribe, peerIds = std::move(peerIds),
-                                  completion = std::move(completion)](int code, const QNBRLResult*) {
-                         if (auto set = subscribed.lock(); set && code == 0)
-                           subscribe ? set->add(peerIds) : set->remove(peerIds);
-                         callApplication(completion, code);
-                       }});
-}
-
 void QNPeerAttributes::subscribePeersUserAttribes(std::vector<std::string> peerIds, Completion completion) {
-  subscription(kSubscribe, std::move(peerIds), true, std::move(completion));
+  changeSubscription(*requests_, kSubscribe, std::move(peerIds), true, subscribed_, std::move(completion));
 }
 
 void QNPeerAttributes::unsubscribePeersUserAttribes(std::vector<std::string> peerIds, Completion completion) {
-  subscription(kUnsubscribe, std::move(peerIds), false, std::move(completion));
+  changeSubscription(*requests_, kUnsubscribe, std::move(peerIds), false, subscribed_, std::move(completion));
 }
 
 void QNPeerAttributes::fetch(const Operation& op, bool valid, boost::json::object payload,
@@ -117,13 +95,13 @@ void QNPeerAttributes::fetch(const Operation& op, bool valid, boost::json::objec
 
 void QNPeerAttributes::getPeersUserAttributes(const std::vector<std::string>& peerIds,
                                               FetchCompletion completion) const {
-  fetch(kFetch, validIds(peerIds), {{"userIds", arrayOf(peerIds)}}, std::move(completion));
+  fetch(kFetch, validPeerIds(peerIds), userIdsPayload(peerIds), std::move(completion));
 }
 
 void QNPeerAttributes::getPeersUserAttributes(const std::vector<std::string>& peerIds,
                                               const std::vector<std::string>& keys, FetchCompletion completion) const {
-  fetch(kFetchByKeys, !keys.empty() && validIds(peerIds),
-        {{"userIds", arrayOf(peerIds)}, {"attributeKeys", arrayOf(keys)}}, std::move(completion));
+  fetch(kFetchByKeys, !keys.empty() && validPeerIds(peerIds),
+        {{"userIds", boost::json::array(peerIds.begin(), peerIds.end())}, {"attributeKeys", boost::json::array(keys.begin(), keys.end())}}, std::move(completion));
 }
 
 void QNPeerAttributes::onPeersUserAttributesChanged(const sio::Payload& data, const Deliver& deliver) {

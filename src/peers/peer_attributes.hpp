@@ -39,7 +39,6 @@ class QNPeerAttributes : public std::enable_shared_from_this<QNPeerAttributes> {
   void logout() { subscribed_->clear(); }
 
  private:
-  void subscription(const Operation& op, std::vector<std::string> peerIds, bool subscribe, Completion completion);
   void fetch(const Operation& op, bool valid, boost::json::object payload, FetchCompletion completion) const;
 
   const std::shared_ptr<const RequestPath> requests_;

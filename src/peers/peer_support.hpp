@@ -16,6 +16,11 @@ namespace qnbrl {
 // Failures only, as user-attribute records; the acknowledgement's names the handler ("..._block_invoke").
 void recordFailure(const Operation& op, const std::string& subject, int code, Stage stage);
 
+// The local check of a list of peers: not empty, and every id passes the ID pattern.
+bool validPeerIds(const std::vector<std::string>& peerIds);
+// {"userIds": [...]}
+boost::json::object userIdsPayload(const std::vector<std::string>& peerIds);
+
 // Peer ids the server confirmed a subscription to; duplicates collapse. Safe from any thread.
 class PeerIdSet {
  public:
@@ -40,6 +45,13 @@ class PeerIdSet {
   mutable std::mutex mutex_;
   std::set<std::string> ids_;
 };
+
+// Subscribes to (or unsubscribes from) the peers; an invalid list is refused with 2. Once the server
+// confirms, the ids join (or leave) `set` and `confirmed` runs, both before the completion; once the
+// set is gone (the client was released) the answer only completes.
+void changeSubscription(const RequestPath& requests, const Operation& op, std::vector<std::string> peerIds,
+                        bool subscribe, const std::shared_ptr<PeerIdSet>& set, std::function<void(int)> completion,
+                        std::function<void(const std::vector<std::string>&)> confirmed = {});
 
 // The completion of a replay step: on any failure the step runs again with the same argument on the
 // next turn of the main queue, without a pause, while its owner lives. There is no count limit: the

@@ -5,8 +5,6 @@
 #include "transport/callback.hpp"
 #include "transport/wire.hpp"
 
-#include <algorithm>
-
 namespace qnbrl {
 namespace {
 
@@ -88,45 +86,21 @@ void QNBRLOnlinePeersManager::logout() {
   onlineStatus_.clear();
 }
 
-int QNPresence::refusalOf(const std::vector<std::string>& peerIds) const {
-  bool valid = !peerIds.empty() && std::all_of(peerIds.begin(), peerIds.end(), isValidId);
-  return valid ? 0 : QNBRLPeerOnlineStatusErrorInvalidArgument;
-}
-
 void QNPresence::subscribePeersOnlineStatus(std::vector<std::string> peerIds, Completion completion) {
-  auto refusal = refusalOf(peerIds);
-  boost::json::object payload{{"userIds", boost::json::array(peerIds.begin(), peerIds.end())}};
-  requests_->send(kSubscribe, {.refusal = refusal,
-                               .payload = std::move(payload),
-                               .finish = [subscribed = std::weak_ptr(subscribed_), peerIds = std::move(peerIds),
-                                          completion = std::move(completion)](int code, const QNBRLResult*) {
-                                 if (auto set = subscribed.lock(); set && code == 0) set->add(peerIds);
-                                 callApplication(completion, code);
-                               }});
+  changeSubscription(*requests_, kSubscribe, std::move(peerIds), true, subscribed_, std::move(completion));
 }
 
 void QNPresence::unsubscribePeersOnlineStatus(std::vector<std::string> peerIds, Completion completion) {
-  auto refusal = refusalOf(peerIds);
-  boost::json::object payload{{"userIds", boost::json::array(peerIds.begin(), peerIds.end())}};
-  requests_->send(kUnsubscribe,
-                  {.refusal = refusal,
-                   .payload = std::move(payload),
-                   .finish = [subscribed = std::weak_ptr(subscribed_), onlinePeers = std::weak_ptr(onlinePeers_),
-                              peerIds = std::move(peerIds), completion = std::move(completion)](int code,
-                                                                                                const QNBRLResult*) {
-                     auto set = subscribed.lock();
-                     auto table = onlinePeers.lock();
-                     if (set && table && code == 0) {
-                       set->remove(peerIds);
-                       table->unsubscribeOnlineStatusOf(peerIds);
-                     }
-                     callApplication(completion, code);
-                   }});
+  // The last known statuses are forgotten too, so that the next report of these peers is a change.
+  changeSubscription(*requests_, kUnsubscribe, std::move(peerIds), false, subscribed_, std::move(completion),
+                     [table = std::weak_ptr(onlinePeers_)](const std::vector<std::string>& ids) {
+                       if (auto t = table.lock()) t->unsubscribeOnlineStatusOf(ids);
+                     });
 }
 
 void QNPresence::queryPeersOnlineStatus(const std::vector<std::string>& peerIds, StatusCompletion completion) const {
-  requests_->send(kQuery, {.refusal = refusalOf(peerIds),
-                           .payload = {{"userIds", boost::json::array(peerIds.begin(), peerIds.end())}},
+  requests_->send(kQuery, {.refusal = validPeerIds(peerIds) ? 0 : QNBRLPeerOnlineStatusErrorInvalidArgument,
+                           .payload = userIdsPayload(peerIds),
                            .finish = [completion = std::move(completion)](int code, const QNBRLResult* result) {
                              std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses;
                              if (code == 0) {

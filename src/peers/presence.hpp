@@ -59,8 +59,6 @@ class QNPresence : public std::enable_shared_from_this<QNPresence> {
   void logout();
 
  private:
-  int refusalOf(const std::vector<std::string>& peerIds) const;
-
   const std::shared_ptr<const RequestPath> requests_;
   // Held weakly by the acknowledgements: once the client is gone they only complete.
   const std::shared_ptr<PeerIdSet> subscribed_ = std::make_shared<PeerIdSet>();
