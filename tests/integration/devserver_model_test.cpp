@@ -249,31 +249,6 @@ TEST_F(DevServerModel, OnlineStatusPushesFollowEveryPresenceChange) {
 
 // Subscriptions live while their user is online; attributes stay. A lost connection followed by the
 // client's replay (set the cached attributes, then both subscriptions) gives back the same state.
-TEST_F(DevServerModel, AReplayAfterALostConnectionRestoresTheUsersState) {
-  auto a = login("a");
-  const auto replay = [&] {
-    ASSERT_TRUE(succeeds(*a, "setLocalUserAttributes", {{"attributes", {{"k", "1"}}}}));
-    ASSERT_TRUE(succeeds(*a, "subscribePeersOnlineStatus", ids({"c", "b"})));
-    ASSERT_TRUE(succeeds(*a, "subscribePeersUserAttributes", ids({"b"})));
-  };
-  replay();
-  const devserver::UserState before{{{"k", "1"}}, {"b", "c"}, {"b"}};
-  EXPECT_EQ(model().users, (std::map<std::string, devserver::UserState>{{"a", before}}));
-
-  ASSERT_TRUE(server_->dropTransport(0, a->socket().sid()));
-  ASSERT_TRUE(waitUntil([&] { return model().online.empty(); }));
-  const devserver::UserState attributesOnly{{{"k", "1"}}, {}, {}};
-  EXPECT_EQ(model().users["a"], attributesOnly);
-
-  a = login("a", server_->tavernUrls()[1]);
-  replay();
-  EXPECT_EQ(model().users["a"], before);
-
-  a.reset();  // a logout
-  ASSERT_TRUE(waitUntil([&] { return model().online.empty(); }));
-  EXPECT_EQ(model().users["a"], attributesOnly);
-}
-
 TEST_F(DevServerModel, UserCommandsAnswerTheDocumentedReadingsAndCodes) {
   auto a = login("a");
   auto b = login("b", server_->tavernUrls()[1]);
