@@ -14,7 +14,8 @@
 
 namespace qnbrl {
 
-struct QNBRLChannel::Impl {
+// Hidden: a nested class takes the exported class's visibility otherwise.
+struct __attribute__((visibility("hidden"))) QNBRLChannel::Impl {
   // Told when a join succeeds (true) or a leave happens (false): the registry's joined set.
   using StateDelegate = std::function<void(const std::shared_ptr<QNBRLChannel>& channel, bool joined)>;
 

@@ -31,7 +31,8 @@
 
 namespace qnbrl {
 
-struct QNBRLKit::Impl {
+// Hidden: a nested class takes the exported class's visibility otherwise.
+struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
   Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer);
 
   // Installs the socket delegates; called once the owning kit exists.
