@@ -63,9 +63,9 @@ class QNBRL_EXPORT QNBRLKit {
   /// @name Session
   /// @{
 
-  /// Logs the user in with a token from the application's server and the time it was issued
-  /// (milliseconds since 1970). Codes: QNBRLLoginErrorCode. 3 and 8 are given at once on the calling thread,
-  /// every other code later on the main queue.
+  /// Logs the user in with a token from the application's server and the time stamp that goes with
+  /// it (milliseconds since 1970). Codes: QNBRLLoginErrorCode. 3 and 8 are given at once on the
+  /// calling thread, every other code later on the main queue.
   void loginByToken(const std::string& token, std::int64_t timeStamp, const std::string& userId,
                     Completion completion);
   /// Sends nothing to the server: closes the connection and forgets the session. 0, or 102 when not
