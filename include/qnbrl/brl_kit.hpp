@@ -10,6 +10,7 @@
 #include "qnbrl/brl_channel.hpp"
 #include "qnbrl/brl_channel_types.hpp"
 #include "qnbrl/brl_delegate.hpp"
+#include "qnbrl/brl_invitation_kit.hpp"
 #include "qnbrl/brl_message.hpp"
 #include "qnbrl/brl_options.hpp"
 #include "qnbrl/brl_types.hpp"
@@ -99,6 +100,10 @@ class QNBRLKit {
   // the completion then runs again with the outcome. Codes: QNBRLPeerMessageErrorCode.
   void sendMessage(const std::shared_ptr<QNBRLMessage>& message, const std::string& peerId,
                    const std::optional<QNBRLSendMessageOptions>& options, Completion completion);
+
+  // Call invitations: made on first use, the same kit afterwards. Until it is made, invitations
+  // pushed to this client reach nobody.
+  std::shared_ptr<QNBRLInvitationKit> getBRLInvitationKit();
 
   struct Impl;
 

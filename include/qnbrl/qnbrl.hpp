@@ -1,6 +1,9 @@
 #pragma once
 // Everything an application needs.
 #include "qnbrl/brl_delegate.hpp"
+#include "qnbrl/brl_invitation.hpp"
+#include "qnbrl/brl_invitation_delegate.hpp"
+#include "qnbrl/brl_invitation_kit.hpp"
 #include "qnbrl/brl_kit.hpp"
 #include "qnbrl/brl_options.hpp"
 #include "qnbrl/brl_types.hpp"

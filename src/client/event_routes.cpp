@@ -34,6 +34,11 @@ constexpr Route kRoutes[] = {
          i.tell(&QNBRLDelegate::messageReceived, kit, m, peer);
        });
      }},
+    {"InvitationNotify",
+     [](Impl& i, QNBRLKit&, const sio::Payload& d) {
+       auto invitation = QNBRLInvitationKit::Impl::invitationOf(d);
+       if (auto kit = i.madeInvitationKit(); kit && invitation) kit->impl().parseInvitation(invitation);
+     }},
 };
 
 }  // namespace

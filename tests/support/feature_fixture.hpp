@@ -5,6 +5,7 @@
 #include "channels/channel_registry.hpp"
 #include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_manager.hpp"
+#include "invitations/invitation_kit.hpp"
 #include "peers/peer_messages.hpp"
 #include "support/socketio_fixture.hpp"
 #include "transport/request.hpp"
@@ -86,6 +87,7 @@ class FeatureFixture : public ::testing::Test {
   std::shared_ptr<qnbrl::QNBRLChannelRegistry> channels = std::make_shared<qnbrl::QNBRLChannelRegistry>(requests);
   qnbrl::QNChannelAttributes attributes{requests};
   qnbrl::QNPeerMessages peers{requests};
+  std::shared_ptr<qnbrl::QNBRLInvitationKit> invitations = qnbrl::QNBRLInvitationKit::Impl::create(requests, state);
 
  private:
   std::size_t records_before_ = 0;

@@ -1,0 +1,43 @@
+#pragma once
+// Call invitations between two users, from QNBRLKit::getBRLInvitationKit. Every operation may be
+// called from any thread and never throws. A local refusal completes at once on the calling thread
+// (102 when not logged in, then 5, then 2); every other outcome on the library's main queue, exactly
+// once. Changes pushed by the server, and the 60-second time-out of a pending invitation, reach the
+// delegate.
+#include "qnbrl/brl_invitation.hpp"
+#include "qnbrl/brl_invitation_delegate.hpp"
+
+#include <functional>
+#include <memory>
+
+namespace qnbrl {
+
+class QNBRLInvitationKit {
+ public:
+  using Completion = std::function<void(int code)>;
+
+  // Held weakly; replaces any earlier one.
+  void setDelegate(std::weak_ptr<QNBRLInvitationDelegate> delegate);
+
+  // Invites the invitee; the logged-in user must be the inviter. On success the invitation takes
+  // state 2 and fails after 60 seconds unless answered; without an acknowledgement it takes state 1.
+  // Codes: QNBRLInvitationErrorCode.
+  void sendInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
+  // Withdraws a sent invitation; the logged-in user must be the inviter.
+  void cancelInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
+  // Answers an arrived invitation, with its responseInfo; the logged-in user must be the invitee.
+  void acceptInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
+  void refuseInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
+
+  struct Impl;
+  explicit QNBRLInvitationKit(std::unique_ptr<Impl> impl);
+  ~QNBRLInvitationKit();
+  QNBRLInvitationKit(const QNBRLInvitationKit&) = delete;
+  QNBRLInvitationKit& operator=(const QNBRLInvitationKit&) = delete;
+  Impl& impl() { return *impl_; }
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qnbrl
