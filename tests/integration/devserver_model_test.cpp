@@ -15,8 +15,7 @@ const std::initializer_list<const char*> kHeard = {"loginSuccess",
                                                    "MemberLeft",
                                                    "ChannelMessageReceived",
                                                    "ChannelAttributesUpdated",
-                                                   "MessageToPeerReceived",
-                                                   "InvitationNotify"};
+                                                   "MessageToPeerReceived"};
 
 struct ModelDevServer {
   static DevServerOptions options() {
@@ -183,47 +182,6 @@ TEST_F(DevServerModel, AMemberGoneLongerThanTheGraceLeavesWithDisconnect) {
   EXPECT_EQ(first(*a, "MemberLeft"), ch({{"userId", "b"}, {"reason", "Disconnect"}}));
   EXPECT_EQ(model().channels["ch"].members, std::vector<std::string>{"a"});
   EXPECT_EQ(model().online, std::vector<std::string>{"a"});
-}
-
-TEST_F(DevServerModel, InvitationsAreRelayedWithTheirStatesAndForgottenOnceOver) {
-  auto a = login("a");
-  auto b = login("b", server_->tavernTlsUrls()[0]);
-  auto op = [](const char* type, const json::object& invitation) {
-    return json::value{{"type", type}, {"invitation", invitation}};
-  };
-  const json::object ab{{"inviter", "a"}, {"invitee", "b"}, {"requestInfo", "call?"}, {"state", 0}};
-  auto answered = ab;
-  answered["responseInfo"] = "yes";
-  ASSERT_TRUE(succeeds(*a, "invitationOp", op("send", ab)));
-  EXPECT_EQ(first(*b, "InvitationNotify"),
-            (json::value{{"invitation", {{"inviter", "a"}, {"invitee", "b"}, {"requestInfo", "call?"}, {"state", 2}}}}));
-  EXPECT_EQ(model().invitations, std::vector<std::string>{"[b,a]"});
-  ASSERT_TRUE(succeeds(*b, "invitationOp", op("accept", answered)));
-  const json::value accepted{
-      {"invitation", {{"inviter", "a"}, {"invitee", "b"}, {"requestInfo", "call?"}, {"responseInfo", "yes"}, {"state", 4}}}};
-  EXPECT_EQ(first(*a, "InvitationNotify"), accepted);
-  EXPECT_EQ(first(*b, "InvitationNotify", 1), accepted);
-  EXPECT_TRUE(model().invitations.empty());
-
-  auto bad = ab;
-  bad["requestInfo"] = std::string(8193, 'x');
-  const std::pair<json::value, int> answers[] = {
-      {op("refuse", answered), 4},  // over: nothing pending any more
-      {op("send", {{"inviter", "b"}, {"invitee", "nobody"}}), 3},
-      {op("cancel", ab), 4},  // not the invitee's to cancel
-      {op("poke", ab), 4},
-      {op("send", bad), 4},
-      {json::object{{"type", "send"}}, 4},
-  };
-  for (const auto& [payload, code] : answers)
-    EXPECT_EQ(command(*b, "invitationOp", payload), (json::object{{"result", code}})) << payload;
-
-  // A user going offline ends the invitations it takes part in.
-  ASSERT_TRUE(succeeds(*a, "invitationOp", op("send", ab)));
-  ASSERT_EQ(model().invitations.size(), 1u);
-  a.reset();
-  ASSERT_TRUE(waitUntil([&] { return model().online == std::vector<std::string>{"b"}; }));
-  EXPECT_TRUE(model().invitations.empty());
 }
 
 }  // namespace

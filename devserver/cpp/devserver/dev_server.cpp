@@ -400,7 +400,6 @@ std::map<std::string, AppState> DevServer::model(const std::string& app) {
         if (m.is_object()) kept.push_back(keptFrom(m.get_object()));
       }
     }
-    a.invitations = stringList(o.if_contains("invitations"));
   }
   return out;
 }

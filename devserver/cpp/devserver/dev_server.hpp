@@ -206,7 +206,6 @@ struct AppState {
   std::vector<std::string> online;  // users with a live accepted login
   std::map<std::string, ChannelState> channels;
   std::map<std::string, std::vector<KeptMessage>> offlineMessages;  // by target user, oldest first
-  std::vector<std::string> invitations;  // pending ones, as "[invitee,inviter]"
 };
 
 enum class Silence {
