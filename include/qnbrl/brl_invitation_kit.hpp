@@ -23,6 +23,8 @@ class QNBRLInvitationKit {
   // state 2 and fails after 60 seconds unless answered; without an acknowledgement it takes state 1.
   // Codes: QNBRLInvitationErrorCode.
   void sendInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
+  // The other three leave the invitation's state to the server's push. A failed one leaves its
+  // time-out armed.
   // Withdraws a sent invitation; the logged-in user must be the inviter.
   void cancelInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
   // Answers an arrived invitation, with its responseInfo; the logged-in user must be the invitee.
