@@ -1,6 +1,7 @@
 #pragma once
-// A call invitation from one user (the inviter) to another (the invitee), its states, and the codes of
-// the invitation kit's requests. The integers are part of the interface: states travel on the wire.
+/// @file
+/// A call invitation from one user (the inviter) to another (the invitee), its states, and the codes of
+/// the invitation kit's requests. The integers are part of the interface: states travel on the wire.
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -12,39 +13,39 @@
 namespace qnbrl {
 
 enum class QNBRLInvitationState : std::int64_t {
-  Created = 0,   // made locally, not sent yet
-  Failed = 1,    // the send had no acknowledgement, or nobody answered within 60 seconds
-  Arrived = 2,   // sent, and pending at the invitee
-  Canceled = 3,  // by the inviter
-  Accepted = 4,  // by the invitee
-  Refused = 5,   // by the invitee
+  Created = 0,   ///< made locally, not sent yet
+  Failed = 1,    ///< the send had no acknowledgement, or nobody answered within 60 seconds
+  Arrived = 2,   ///< sent, and pending at the invitee
+  Canceled = 3,  ///< by the inviter
+  Accepted = 4,  ///< by the invitee
+  Refused = 5,   ///< by the invitee
 };
 
-// Codes of QNBRLInvitationKit's four requests. The server's answer counts as success unless it is
-// code 3 or 4, which are handed on.
+/// Codes of QNBRLInvitationKit's four requests. The server's answer counts as success unless it is
+/// code 3 or 4, which are handed on.
 enum QNBRLInvitationErrorCode : int {
   QNBRLInvitationErrorOk = 0,
-  QNBRLInvitationErrorTimeout = 1,      // no acknowledgement within 6 seconds (a send then fails: state 1)
-  QNBRLInvitationErrorInfoTooLong = 2,  // requestInfo or responseInfo over QNBRLInvitationInfoMaxBytes
-  QNBRLInvitationErrorServerCode3 = 3,  // the dev server: the other user is offline
-  QNBRLInvitationErrorServerCode4 = 4,  // the dev server: no such invitation pending, or not the caller's
-  QNBRLInvitationErrorWrongParty = 5,   // the logged-in user is not the inviter (send, cancel) or invitee
+  QNBRLInvitationErrorTimeout = 1,      ///< no acknowledgement within 6 seconds (a send then fails: state 1)
+  QNBRLInvitationErrorInfoTooLong = 2,  ///< requestInfo or responseInfo over QNBRLInvitationInfoMaxBytes
+  QNBRLInvitationErrorServerCode3 = 3,  ///< the dev server: the other user is offline
+  QNBRLInvitationErrorServerCode4 = 4,  ///< the dev server: no such invitation pending, or not the caller's
+  QNBRLInvitationErrorWrongParty = 5,   ///< the logged-in user is not the inviter (send, cancel) or invitee
   QNBRLInvitationErrorNotLoggedIn = 102,
 };
 
-// The longest requestInfo or responseInfo, in UTF-8 bytes.
+/// The longest requestInfo or responseInfo, in UTF-8 bytes.
 inline constexpr std::size_t QNBRLInvitationInfoMaxBytes = 8192;
 
-// Safe to read and write from any thread. The library changes `state` as the invitation goes along.
+/// Safe to read and write from any thread. The library changes `state` as the invitation goes along.
 class QNBRLInvitation {
  public:
-  // Registers the invitation in the process-wide record that pushed changes are matched against; it
-  // replaces an earlier one from the same inviter to the same invitee.
+  /// Registers the invitation in the process-wide record that pushed changes are matched against; it
+  /// replaces an earlier one from the same inviter to the same invitee.
   static std::shared_ptr<QNBRLInvitation> create(std::string inviter, std::string invitee);
 
   const std::string& inviter() const { return inviter_; }
   const std::string& invitee() const { return invitee_; }
-  // Free text from the inviter and from the invitee; an absent one is not sent.
+  /// Free text from the inviter and from the invitee; an absent one is not sent.
   std::optional<std::string> requestInfo() const;
   void setRequestInfo(std::optional<std::string> info);
   std::optional<std::string> responseInfo() const;
@@ -52,7 +53,7 @@ class QNBRLInvitation {
   QNBRLInvitationState state() const { return state_.load(); }
   void setState(QNBRLInvitationState state) { state_.store(state); }
 
-  // The library's own invitations, the ones the server pushes, are not registered.
+  /// The library's own invitations, the ones the server pushes, are not registered.
   struct Pushed;
   QNBRLInvitation(const Pushed&, std::string inviter, std::string invitee);
 

@@ -1,7 +1,8 @@
 #pragma once
-// What the invitation kit tells the application. Every member is optional: an empty one is a callback
-// the application does not implement, and the event is dropped. Callbacks run on the library's main
-// queue.
+/// @file
+/// What the invitation kit tells the application. Every member is optional: an empty one is a callback
+/// the application does not implement, and the event is dropped. Callbacks run on the library's main
+/// queue.
 #include "qnbrl/brl_invitation.hpp"
 
 #include <functional>
@@ -14,15 +15,15 @@ class QNBRLInvitationKit;
 struct QNBRLInvitationDelegate {
   using Callback = std::function<void(QNBRLInvitationKit& kit, const std::shared_ptr<QNBRLInvitation>& invitation)>;
 
-  // Code 3: nobody answered a sent or arrived invitation within 60 seconds (its state is now 1).
-  // Code 0: the server reported the invitation failed.
+  /// Code 3: nobody answered a sent or arrived invitation within 60 seconds (its state is now 1).
+  /// Code 0: the server reported the invitation failed.
   std::function<void(QNBRLInvitationKit& kit, const std::shared_ptr<QNBRLInvitation>& invitation, int code)>
       invitationFailed;
-  // An invitation to the logged-in user; it fails after 60 seconds unless accepted or refused.
+  /// An invitation to the logged-in user; it fails after 60 seconds unless accepted or refused.
   Callback invitationArrived;
   Callback invitationCanceled;
-  // The invitation as the server pushed it, with the invitee's responseInfo (the inviter's own object
-  // takes state 4).
+  /// The invitation as the server pushed it, with the invitee's responseInfo (the inviter's own object
+  /// takes state 4).
   Callback invitationAccept;
   Callback invitationRefused;
 };

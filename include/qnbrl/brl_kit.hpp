@@ -101,8 +101,8 @@ class QNBRLKit {
   void sendMessage(const std::shared_ptr<QNBRLMessage>& message, const std::string& peerId,
                    const std::optional<QNBRLSendMessageOptions>& options, Completion completion);
 
-  // Call invitations: made on first use, the same kit afterwards. Until it is made, invitations
-  // pushed to this client reach nobody.
+  /// Call invitations: made on first use, the same kit afterwards. Until it is made, invitations
+  /// pushed to this client reach nobody.
   std::shared_ptr<QNBRLInvitationKit> getBRLInvitationKit();
 
   struct Impl;
