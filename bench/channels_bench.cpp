@@ -4,6 +4,11 @@
 //                     emit-with-ack of the same payload on a raw socket logged in the same way;
 //   channels.event    a "ChannelMessageReceived" burst delivered to the channel delegate, against the
 //                     same burst handled by a raw socket's event handler.
+// and what one item of a many-item event or answer costs, against one channel event (as above)
+// delivered in the same rounds:
+//   peers.presence    "PeersOnlineStatusChanged" pushes of 100 peers each, every peer a change,
+//                     delivered to the client delegate: CPU per peer;
+//   peers.fetch       getPeersUserAttributes of 100 users with 3 attributes each, pipelined: CPU per user.
 // Client CPU (getrusage, the Node server is a child and not counted) per operation; rounds alternate
 // and the ratios are medians. Instruction counts: scripts/bench.sh's callgrind recipe with
 // --only channels.request (or channels.event).
@@ -34,12 +39,15 @@ constexpr auto kWaitLimit = 60s;
 constexpr const char* kAppId = "bench-app";
 constexpr double kRequestTarget = 1.15;
 constexpr double kEventTarget = 1.2;
+constexpr int kPeers = 100;     // per push, and per fetch
+constexpr int kPushes = 200;    // per round
+constexpr int kFetches = 200;   // pipelined per round
 
 // Counts completions and wakes whoever waits for a number of them.
 class Counter {
  public:
-  void add() {
-    if (++n_ >= target_.load()) {
+  void add(int k = 1) {
+    if ((n_ += k) >= target_.load()) {
       std::lock_guard lock(mutex_);
       done_.notify_all();
     }
@@ -67,13 +75,34 @@ boost::json::array channelMessage() {
   }};
 }
 
+// Two pushes about the same peers, all online then all offline: sent in turn, every peer of every push
+// is a change.
+boost::json::array presencePushes() {
+  boost::json::array lists;
+  for (int status : {0, 1}) {
+    boost::json::object peers;
+    for (int i = 0; i < kPeers; ++i) peers["peer-" + std::to_string(i)] = status;
+    lists.push_back(boost::json::array{boost::json::object{{"status", std::move(peers)}}});
+  }
+  return lists;
+}
+
+// The answer to a fetch of kPeers users, each with three attributes.
+boost::json::array fetchAnswer() {
+  boost::json::object users;
+  for (int i = 0; i < kPeers; ++i)
+    users["peer-" + std::to_string(i)] = {{"result", 0}, {"attributes", {{"k1", "v1"}, {"k2", "v2"}, {"k3", "v3"}}}};
+  return {boost::json::object{{"result", 0}, {"attributes", std::move(users)}}};
+}
+
 struct Clients {
   devserver::DevServer server;
   std::shared_ptr<qnbrl::QNBRLKit> kit;
   std::shared_ptr<qnbrl::QNBRLChannel> room;
   std::shared_ptr<qnbrl::QNBRLChannelDelegate> listener = std::make_shared<qnbrl::QNBRLChannelDelegate>();
+  std::shared_ptr<qnbrl::QNBRLDelegate> kitListener = std::make_shared<qnbrl::QNBRLDelegate>();
   std::unique_ptr<sio::Manager> raw;
-  Counter sdkEvents, rawEvents;
+  Counter sdkEvents, rawEvents, statusItems;
   std::string sdkSocket, rawSocket;
 
   static devserver::DevServerOptions options() {
@@ -90,7 +119,10 @@ struct Clients {
     qnbrl::QNBRLOptions o;
     o.envConfig.apiServer = server.httpUrl();
     o.envConfig.logServer = server.httpUrl();
-    kit = qnbrl::QNBRLKit::create(kAppId, std::weak_ptr<qnbrl::QNBRLDelegate>(), o);
+    kitListener->peersOnlineStatusChanged = [this](auto&, const auto& changes) {
+      statusItems.add(static_cast<int>(changes.size()));
+    };
+    kit = qnbrl::QNBRLKit::create(kAppId, kitListener, o);
     Counter logged;
     kit->loginByToken("0123456789abcdef0123456789abcdef", 1700000000000, "bench-sdk", [&](int) { logged.add(); });
     logged.await(1, "login");
@@ -158,6 +190,32 @@ struct Clients {
     counter.await(base + n, "events");
     return (cpuSeconds() - cpu) / n;
   }
+
+  double presenceItems(int pushes) {
+    const int base = statusItems.count();
+    const double cpu = cpuSeconds();
+    if (!server.burst(0, sdkSocket, "PeersOnlineStatusChanged", pushes, 0, presencePushes(), true))
+      throw std::runtime_error("the dev server refused the burst");
+    statusItems.await(base + pushes * kPeers, "presence");
+    return (cpuSeconds() - cpu) / (pushes * kPeers);
+  }
+
+  double fetchItems(int fetches) {
+    std::vector<std::string> ids;
+    for (int i = 0; i < kPeers; ++i) ids.push_back("peer-" + std::to_string(i));
+    Counter done;
+    std::atomic<bool> complete{true};
+    const double cpu = cpuSeconds();
+    for (int i = 0; i < fetches; ++i) {
+      kit->getPeersUserAttributes(ids, [&](auto users, int) {
+        if (!users || users->size() != ids.size()) complete = false;
+        done.add();
+      });
+    }
+    done.await(fetches, "fetches");
+    if (!complete) throw std::runtime_error("a fetch came back without every user");
+    return (cpuSeconds() - cpu) / (fetches * kPeers);
+  }
 };
 
 void report(std::ostream& out, const char* name, const std::vector<double>& sdk, const std::vector<double>& raw,
@@ -176,13 +234,29 @@ void report(std::ostream& out, const char* name, const std::vector<double>& sdk,
       .print(out);
 }
 
+// One item's CPU beside one channel event's, measured in turn.
+void reportItems(std::ostream& out, const char* name, const std::vector<double>& item, const std::vector<double>& event,
+                 int items) {
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < item.size(); ++i) ratios.push_back(item[i] / event[i]);
+  JsonLine(name)
+      .add("items_per_round", items)
+      .add("rounds", static_cast<int>(item.size()))
+      .add("sdk_cpu_us_per_item", median(item) * 1e6, 2)
+      .add("sdk_cpu_us_per_channel_event", median(event) * 1e6, 2)
+      .add("ratio", median(ratios), 3)
+      .print(out);
+}
+
 }  // namespace
 
 void runChannelBenchmarks(std::ostream& out) {
   const auto& settings = benchSettings();
   const bool requests = settings.selected("channels.request");
   const bool events = settings.selected("channels.event");
-  if (!requests && !events) return;
+  const bool presence = settings.selected("peers.presence");
+  const bool fetch = settings.selected("peers.fetch");
+  if (!requests && !events && !presence && !fetch) return;
   Clients clients;
   const int rounds = settings.rounds;
   if (requests) {
@@ -206,5 +280,26 @@ void runChannelBenchmarks(std::ostream& out) {
       raw.push_back(clients.events(clients.rawEvents, clients.rawSocket, n));
     }
     report(out, "channels.event", sdk, raw, kEventTarget, n);
+  }
+  // One item beside one channel event, measured in turn.
+  auto compare = [&](const char* name, int items, const std::function<double()>& measure) {
+    const int perBurst = settings.count(kEvents);
+    std::vector<double> item, event;
+    measure();  // warm-up
+    for (int r = 0; r < rounds; ++r) {
+      item.push_back(measure());
+      event.push_back(clients.events(clients.sdkEvents, clients.sdkSocket, perBurst));
+    }
+    reportItems(out, name, item, event, items);
+  };
+  if (presence) {
+    const int pushes = settings.count(kPushes);
+    compare("peers.presence", pushes * kPeers, [&] { return clients.presenceItems(pushes); });
+  }
+  if (fetch) {
+    if (!clients.server.scriptCommand("getPeersUserAttributes", devserver::CommandAnswer().ack(fetchAnswer())))
+      throw std::runtime_error("the dev server refused the script");
+    const int fetches = settings.count(kFetches);
+    compare("peers.fetch", fetches * kPeers, [&] { return clients.fetchItems(fetches); });
   }
 }

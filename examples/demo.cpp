@@ -1,7 +1,9 @@
-// A tour of the client against the local dev server: two users log in, meet in a channel, exchange
-// text and binary messages, share channel attributes, count the members, send each other a peer
-// message; then the tavern server of the first one goes away, the client moves to the next one by
-// itself and is back in the channel without the demo joining it again; then both log out.
+// A tour of the client against the local dev server: two users log in on different tavern servers,
+// meet in a channel, exchange text and binary messages, share channel attributes, count the members,
+// send each other a peer message; bob follows alice's online status and attributes and is told when
+// she changes them; then alice's tavern server goes away, her client moves to the next one by itself
+// and is back in the channel, with her attributes, without the demo doing anything (bob sees her go
+// offline and come back); then both log out, and bob sees alice go.
 //
 // The dev server (devserver/) stands in for the service: it answers server discovery with its tavern
 // servers and checks every login the way the service does. The demo starts and drives it through the
@@ -25,6 +27,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -131,9 +134,20 @@ std::string describe(const qnbrl::QNBRLMessage& message) {
   return text;
 }
 
-std::string describe(const std::vector<qnbrl::QNBRLAttribute>& attributes) {
+// "{key=value, key deleted}"
+template <class Attribute>
+std::string describe(const std::vector<Attribute>& attributes) {
   std::string text;
-  for (const auto& a : attributes) text += (text.empty() ? "" : ", ") + a.key + "=" + a.value;
+  for (const auto& a : attributes) {
+    text += (text.empty() ? "" : ", ") + a.key;
+    if constexpr (std::is_same_v<Attribute, qnbrl::QNBRLAttributeWithState>) {
+      if (a.deleted) {
+        text += " deleted";
+        continue;
+      }
+    }
+    text += "=" + a.value;
+  }
   return "{" + text + "}";
 }
 
@@ -181,6 +195,12 @@ class User {
     };
     delegate_->messageReceived = [this](QNBRLKit&, const std::shared_ptr<qnbrl::QNBRLMessage>& message,
                                         const std::string& peer) { hear("peer message from " + peer + ": " + describe(*message)); };
+    delegate_->peersOnlineStatusChanged = [this](QNBRLKit&, const std::vector<qnbrl::QNBRLPeerOnlineStatus>& statuses) {
+      for (const auto& s : statuses) hear(s.peerId + (s.isOnline ? " is online" : " is offline"));
+    };
+    delegate_->peersUserAttributesChanged = [this](QNBRLKit&, const std::vector<qnbrl::QNBRLUserAttributes>& users) {
+      for (const auto& u : users) hear(u.userId + "'s attributes changed: " + describe(u.attributes));
+    };
     channelDelegate_->memberJoined = [this](qnbrl::QNBRLChannel& channel, const qnbrl::QNBRLMember& member) {
       hear(channel.channelId() + ": " + member.userId + " joined");
     };
@@ -281,10 +301,10 @@ class User {
     return request("join " + channelId, [&](QNBRLKit::Completion done) { channel_->joinWithCompletion(done); });
   }
 
-  // Waits until one of the user's delegates has heard exactly `line`.
-  bool awaitHeard(const std::string& line) {
+  // Waits until one of the user's delegates has heard exactly `line`, `times` times in all.
+  bool awaitHeard(const std::string& line, long times = 1) {
     std::unique_lock lock(mutex_);
-    if (changed_.wait_for(lock, kWaitLimit, [&] { return std::count(heard_.begin(), heard_.end(), line) > 0; }))
+    if (changed_.wait_for(lock, kWaitLimit, [&] { return std::count(heard_.begin(), heard_.end(), line) >= times; }))
       return true;
     return fail(name_ + " did not hear \"" + line + "\" within " + std::to_string(kWaitLimit.count()) + " s");
   }
@@ -368,10 +388,16 @@ class Demo {
     return true;
   }
 
+  // Each user starts on a different tavern server: discovery lists the servers to each in another
+  // order, and a client tries them in the order given. The service's model is shared by all of them.
   bool logIn() {
-    for (auto& user : users_) {
-      if (!user->logIn()) return false;
-      say(user->name() + " is on " + where(*user));
+    for (std::size_t i = 0; i < users_.size(); ++i) {
+      auto urls = server_->tavernUrls();
+      std::rotate(urls.begin(), urls.begin() + static_cast<std::ptrdiff_t>(i % urls.size()), urls.end());
+      if (!server_->scriptDiscovery(devserver::DiscoveryAnswer().servers(urls).times(1)))
+        return fail("the dev server did not take the discovery script");
+      if (!users_[i]->logIn()) return false;
+      say(users_[i]->name() + " is on " + where(*users_[i]));
     }
     return true;
   }
@@ -440,6 +466,27 @@ class Demo {
     return alice().awaitHeard("peer message from bob: \"see you in the lobby\"");
   }
 
+  // A subscription to online status is answered with the peer's current status.
+  bool followAlice() {
+    if (!bob().request("subscribe to alice's online status",
+                       [&](auto done) { bob().kit().subscribePeersOnlineStatus({"alice"}, done); }) ||
+        !bob().request("subscribe to alice's attributes",
+                       [&](auto done) { bob().kit().subscribePeersUserAttribes({"alice"}, done); }))
+      return false;
+    return bob().awaitHeard("alice is online");
+  }
+
+  bool userAttributes() {
+    if (!alice().request("set her attributes", [&](auto done) {
+          alice().kit().setLocalUserAttributes({{"status", "in a meeting"}, {"mood", "busy"}}, done);
+        }))
+      return false;
+    if (!bob().awaitHeard("alice's attributes changed: {status=in a meeting, mood=busy}")) return false;
+    if (!alice().request("delete her mood", [&](auto done) { alice().kit().deleteLocalUserAttributesByKeys({"mood"}, done); }))
+      return false;
+    return bob().awaitHeard("alice's attributes changed: {mood deleted}");
+  }
+
   // After the failover alice's client has joined the channel again by itself.
   bool backInTheChannel() {
     say("alice's channel object says joined = " + std::string(alice().channel().joined() ? "true" : "false") +
@@ -447,7 +494,18 @@ class Demo {
     auto text = std::make_shared<qnbrl::QNBRLMessage>("welcome back");
     if (!bob().request("send a text message", [&](auto done) { bob().channel().sendMessage(text, std::nullopt, done); }))
       return false;
-    return alice().awaitHeard(std::string(kChannel) + ": bob says \"welcome back\"");
+    if (!alice().awaitHeard(std::string(kChannel) + ": bob says \"welcome back\"")) return false;
+    // Her attributes were set again by her client after the reconnection.
+    std::optional<std::vector<qnbrl::QNBRLAttribute>> attributes;
+    if (!bob().request("read alice's attributes", [&](auto done) {
+          bob().kit().getUserAttributes("alice", [&attributes, done](auto answer, const std::string&, int code) {
+            attributes = std::move(answer);
+            done(code);
+          });
+        }))
+      return false;
+    say("  alice's attributes: " + describe(attributes.value_or(std::vector<qnbrl::QNBRLAttribute>{})));
+    return attributes == std::vector<qnbrl::QNBRLAttribute>{{"status", "in a meeting"}};
   }
 
   // Stops the first user's tavern server: everyone on it loses the connection, and each client pauses
@@ -474,14 +532,12 @@ class Demo {
       say(user->name() + " is back after " + seconds + " s, now on " + where(*user));
       if (tavernIndex(*user) == stopped) return fail(user->name() + " is still on the stopped server");
     }
-    return true;
+    // bob, on another server, saw alice go and come back.
+    return bob().awaitHeard("alice is offline") && bob().awaitHeard("alice is online", 2);
   }
 
   bool logOut() {
-    for (auto& user : users_) {
-      if (!user->logOut()) return false;
-    }
-    return true;
+    return alice().logOut() && bob().awaitHeard("alice is offline", 2) && bob().logOut();
   }
 
   bool stopServer() {
@@ -630,11 +686,14 @@ int main() {
       {"Set channel attributes, telling the members", &Demo::channelAttributes},
       {"Count the members and list them", &Demo::membersAndCounts},
       {"bob sends alice a peer message", &Demo::peerMessage},
-      {"Take alice's tavern server down: the client fails over and reconnects", &Demo::failOver},
-      {"alice is back in the channel, restored by the client, and still hears bob", &Demo::backInTheChannel},
+      {"bob follows alice's online status and attributes", &Demo::followAlice},
+      {"alice sets her attributes, then deletes one: bob is told each time", &Demo::userAttributes},
+      {"Take alice's tavern server down: her client fails over, bob sees her go and come back",
+       &Demo::failOver},
+      {"alice is back in the channel with her attributes, restored by her client", &Demo::backInTheChannel},
       {"bob invites alice to a call: it arrives and she accepts", &Demo::inviteAndAccept},
       {"bob invites alice again: she refuses", &Demo::inviteAndRefuse},
-      {"Log both out", &Demo::logOut},
+      {"Log both out: bob sees alice go offline first", &Demo::logOut},
       {"Stop the dev server", &Demo::stopServer},
   };
   int number = 0;

@@ -83,7 +83,7 @@ function handlers(world) {
       const mode = req.mode === undefined ? 'connected' : req.mode;
       tavern(req).setSilent(mode);
     },
-    burst: (req) => running(req).burst(req.socket, req.event, req.count, req.size, req.args),
+    burst: (req) => running(req).burst(req.socket, req.event, req.count, req.size, req.args, optionalBool(req.cycle, 'cycle')),
     model: (req) => {
       if (req.app !== undefined && typeof req.app !== 'string') throw new Error('app must be a string');
       return binary.encode(world.model.snapshot(req.app));

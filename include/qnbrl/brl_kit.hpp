@@ -13,6 +13,7 @@
 #include "qnbrl/brl_invitation_kit.hpp"
 #include "qnbrl/brl_message.hpp"
 #include "qnbrl/brl_options.hpp"
+#include "qnbrl/brl_peer_types.hpp"
 #include "qnbrl/brl_types.hpp"
 
 #include <cstdint>
@@ -100,6 +101,63 @@ class QNBRLKit {
   // the completion then runs again with the outcome. Codes: QNBRLPeerMessageErrorCode.
   void sendMessage(const std::shared_ptr<QNBRLMessage>& message, const std::string& peerId,
                    const std::optional<QNBRLSendMessageOptions>& options, Completion completion);
+
+
+  /// @name The local user's attributes
+  /// Writes change the server's copy, and the client's cache of it once the server confirms; after a
+  /// reconnection the client sets the whole cache again by itself. Codes: QNBRLUserAttributeErrorCode
+  /// (3 for an empty list). Completions of a write get the code only.
+  /// @{
+  using UserAttributesCompletion =
+      std::function<void(std::optional<std::vector<QNBRLAttribute>> attributes, const std::string& userId, int code)>;
+  /// Replaces all the local user's attributes; a later duplicate key wins.
+  void setLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes, Completion completion);
+  /// Merges into the local user's attributes.
+  void addOrUpdateLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes, Completion completion);
+  /// Removes the named keys; unknown keys are ignored.
+  void deleteLocalUserAttributesByKeys(const std::vector<std::string>& keys, Completion completion);
+  /// Removes all the local user's attributes; waits up to 10 seconds for the server.
+  void clearLocalUserAttributesWithCompletion(Completion completion);
+  /// Any user's attributes, in the server's order; the completion gets the user id asked for, also on
+  /// failure (3 for an id failing the ID pattern).
+  void getUserAttributes(const std::string& userId, UserAttributesCompletion completion);
+  /// The named keys that exist (3 for an empty key list).
+  void getUserAttributes(const std::string& userId, const std::vector<std::string>& keys,
+                         UserAttributesCompletion completion);
+  /// @}
+
+  /// @name Peers' online status
+  /// While subscribed, QNBRLDelegate::peersOnlineStatusChanged reports each change; subscriptions are
+  /// made again by the client after a reconnection. Codes: QNBRLPeerOnlineStatusErrorCode (2 for an
+  /// empty list or an id failing the ID pattern). No limit on the number of ids.
+  /// @{
+  using OnlineStatusCompletion =
+      std::function<void(std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses, int code)>;
+  using PeerIdsCompletion = std::function<void(std::optional<std::vector<std::string>> peerIds, int code)>;
+  void subscribePeersOnlineStatus(const std::vector<std::string>& peerIds, Completion completion);
+  /// A peer unsubscribed and later reported again counts as a change again.
+  void unsubscribePeersOnlineStatus(const std::vector<std::string>& peerIds, Completion completion);
+  /// A one-off reading, subscribed or not.
+  void queryPeersOnlineStatus(const std::vector<std::string>& peerIds, OnlineStatusCompletion completion);
+  /// The peers the server holds a subscription to under `option`, whose meaning is the server's (the
+  /// dev server's README lists its values). Only the login is checked.
+  void queryPeersBySubscriptionOption(std::int64_t option, PeerIdsCompletion completion);
+  /// @}
+
+  /// @name Peers' attributes
+  /// While subscribed, QNBRLDelegate::peersUserAttributesChanged reports each change; subscriptions are
+  /// made again by the client after a reconnection. Codes: QNBRLPeerAttributeErrorCode (2 for an empty
+  /// list, an empty key list or an id failing the ID pattern).
+  /// @{
+  using PeersAttributesCompletion = std::function<void(std::optional<std::vector<QNBRLUserAttributes>> users, int code)>;
+  void subscribePeersUserAttribes(const std::vector<std::string>& peerIds, Completion completion);
+  void unsubscribePeersUserAttribes(const std::vector<std::string>& peerIds, Completion completion);
+  /// Every peer's attributes in one request. A peer the server reports a failure for is listed with no
+  /// attributes; a peer the server leaves out is not listed.
+  void getPeersUserAttributes(const std::vector<std::string>& peerIds, PeersAttributesCompletion completion);
+  void getPeersUserAttributes(const std::vector<std::string>& peerIds, const std::vector<std::string>& keys,
+                              PeersAttributesCompletion completion);
+  /// @}
 
   /// Call invitations: made on first use, the same kit afterwards. Until it is made, invitations
   /// pushed to this client reach nobody.

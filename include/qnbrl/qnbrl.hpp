@@ -6,4 +6,5 @@
 #include "qnbrl/brl_invitation_kit.hpp"
 #include "qnbrl/brl_kit.hpp"
 #include "qnbrl/brl_options.hpp"
+#include "qnbrl/brl_peer_types.hpp"
 #include "qnbrl/brl_types.hpp"

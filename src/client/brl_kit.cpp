@@ -18,7 +18,10 @@ QNBRLKit::Impl::Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> dele
       requests(std::make_shared<RequestPath>(stateManager, socketManager)),
       channels(std::make_shared<QNBRLChannelRegistry>(requests)),
       channelAttributes(requests),
-      peerMessages(requests) {}
+      peerMessages(requests),
+      userAttributes(std::make_shared<QNUserAttributes>(requests)),
+      presence(std::make_shared<QNPresence>(requests)),
+      peerAttributes(std::make_shared<QNPeerAttributes>(requests)) {}
 
 void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
                                  QNBRLConnectionChangeReason reason, bool telemetry) {

@@ -189,6 +189,13 @@ void QNBRLKit::Impl::onDisconnect(QNBRLKit& kit, const sio::Payload& data) {
   }
 }
 
+void QNBRLKit::Impl::restoreStateAfterReconnection() {
+  channels->restoreJoinedChannels();
+  userAttributes->restoreLocalUserAttributes(userAttributes->cache().brlAttributes());
+  presence->restoreSubscribedOnlineStatusOfPeers(presence->subscribedOnlineStatusPeerIds());
+  peerAttributes->restoreSubscribedAttributesOfPeers(peerAttributes->subscribedAttributesPeerIds());
+}
+
 void QNBRLKit::Impl::onLoginSuccess(QNBRLKit& kit, const sio::Payload& data) {
   QNLog::shared().info("loginSuccess, params = %@", data.args);
   stateManager->setState(3);
@@ -196,8 +203,8 @@ void QNBRLKit::Impl::onLoginSuccess(QNBRLKit& kit, const sio::Payload& data) {
   bool reconnection = stateManager->login();
   // Before anyone is told, so that a callback that sends a request finds the session logged in.
   stateManager->setLogin(true);
-  // The replays run before the delegate hears of the new connection: the joined channels first.
-  if (reconnection) channels->restoreJoinedChannels();
+  // The replays run before the delegate hears of the new connection.
+  if (reconnection) restoreStateAfterReconnection();
   bool pending = false;
   {
     std::lock_guard lock(mutex);

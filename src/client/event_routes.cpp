@@ -34,6 +34,18 @@ constexpr Route kRoutes[] = {
          i.tell(&QNBRLDelegate::messageReceived, kit, m, peer);
        });
      }},
+    {"PeersOnlineStatusChanged",
+     [](Impl& i, QNBRLKit& kit, const sio::Payload& d) {
+       i.presence->onPeersOnlineStatusChanged(d, [&](const std::vector<QNBRLPeerOnlineStatus>& statuses) {
+         i.tell(&QNBRLDelegate::peersOnlineStatusChanged, kit, statuses);
+       });
+     }},
+    {"PeersUserAttributesChanged",
+     [](Impl& i, QNBRLKit& kit, const sio::Payload& d) {
+       QNPeerAttributes::onPeersUserAttributesChanged(d, [&](const std::vector<QNBRLUserAttributes>& users) {
+         i.tell(&QNBRLDelegate::peersUserAttributesChanged, kit, users);
+       });
+     }},
     {"InvitationNotify",
      [](Impl& i, QNBRLKit&, const sio::Payload& d) {
        auto invitation = QNBRLInvitationKit::Impl::invitationOf(d);

@@ -11,7 +11,10 @@
 #include "invitations/invitation_kit.hpp"
 #include "transport/state_manager.hpp"
 #include "qnbrl/brl_kit.hpp"
+#include "peers/peer_attributes.hpp"
 #include "peers/peer_messages.hpp"
+#include "peers/presence.hpp"
+#include "peers/user_attributes.hpp"
 #include "support/queues.hpp"
 #include "transport/callback.hpp"
 #include "transport/request.hpp"
@@ -59,6 +62,9 @@ struct QNBRLKit::Impl {
   void onDisconnectReason(QNBRLKit& kit, const sio::Payload& data);
   void onDisconnect(QNBRLKit& kit, const sio::Payload& data);
   void onLoginSuccess(QNBRLKit& kit, const sio::Payload& data);
+  // Re-creates on the server what this session had there: joined channels, the local user's
+  // attributes, both kinds of subscriptions.
+  void restoreStateAfterReconnection();
   void reconnect();
   void reconnectAfterPause(QNBRLKit& kit);
   void rebuildSocketManagerWithConfig(const boost::json::object& config, bool connect);
@@ -85,6 +91,9 @@ struct QNBRLKit::Impl {
   const std::shared_ptr<QNBRLChannelRegistry> channels;
   const QNChannelAttributes channelAttributes;
   const QNPeerMessages peerMessages;
+  const std::shared_ptr<QNUserAttributes> userAttributes;
+  const std::shared_ptr<QNPresence> presence;
+  const std::shared_ptr<QNPeerAttributes> peerAttributes;
 
   // Makes login's check-and-set of the connecting state one step for concurrent callers.
   std::mutex loginGate;

@@ -133,6 +133,9 @@ void QNBRLKit::Impl::cleanResourcesAfterLogout() {
   stateManager->setLogin(false);
   stateManager->setUserId("");
   stateHelper.logout();
+  userAttributes->logout();
+  presence->logout();
+  peerAttributes->logout();
   channels->logout();
   // Last: closing the socket reports (1, 6) to the delegate at once, and the application must then
   // find the session already forgotten (it may log in again from that callback).

@@ -120,6 +120,10 @@ const boost::json::object& objectIn(const boost::json::object& object, std::stri
   return v && v->is_object() ? v->get_object() : kEmpty;
 }
 
+const boost::json::object& responseIn(const QNBRLResult* result, std::string_view key) {
+  return result && result->response ? objectIn(*result->response, key) : kEmpty;
+}
+
 std::string stringIn(const boost::json::object& object, std::string_view key) {
   const auto* v = object.if_contains(key);
   return v && v->is_string() ? std::string(v->get_string()) : std::string();
@@ -135,6 +139,10 @@ void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBR
 
 void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBRLMember& member) {
   out = {{"userId", member.userId}, {"channelId", member.channelId}};
+}
+
+void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBRLPeerOnlineStatus& status) {
+  out = {{"peerId", status.peerId}, {"isOnline", status.isOnline}};
 }
 
 }  // namespace qnbrl

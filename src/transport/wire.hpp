@@ -4,7 +4,9 @@
 #include "qnbrl/brl_attribute.hpp"
 #include "qnbrl/brl_channel_types.hpp"
 #include "qnbrl/brl_message.hpp"
+#include "qnbrl/brl_peer_types.hpp"
 #include "socketio/codec.hpp"
+#include "transport/brl_result.hpp"
 
 #include <boost/json.hpp>
 
@@ -50,10 +52,13 @@ const boost::json::object& asObject(const boost::json::value& value);
 const boost::json::object& objectAt(const boost::json::array& items, std::size_t index);
 const boost::json::object& objectIn(const boost::json::object& object, std::string_view key);
 std::string stringIn(const boost::json::object& object, std::string_view key);
+// The object under `key` in an answer's response; empty when there is none.
+const boost::json::object& responseIn(const QNBRLResult* result, std::string_view key);
 
 // Their JSON form in log lines.
 void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBRLAttribute& attribute);
 void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBRLAttributeWithState& attribute);
 void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBRLMember& member);
+void tag_invoke(boost::json::value_from_tag, boost::json::value& out, const QNBRLPeerOnlineStatus& status);
 
 }  // namespace qnbrl

@@ -15,7 +15,10 @@ const std::initializer_list<const char*> kHeard = {"loginSuccess",
                                                    "MemberLeft",
                                                    "ChannelMessageReceived",
                                                    "ChannelAttributesUpdated",
-                                                   "MessageToPeerReceived"};
+                                                   "MessageToPeerReceived",
+                                                   "PeersOnlineStatusChanged",
+                                                   "PeersUserAttributesChanged"};
+const char* const kDeleted = "!!&@#DELETED#@&!!";
 
 struct ModelDevServer {
   static DevServerOptions options() {
@@ -60,6 +63,15 @@ class DevServerModel : public DevServerSuiteOf<ModelDevServer> {
     return more;
   }
   static json::value text(const char* t) { return {{"text", t}}; }
+  static json::value ids(json::array userIds) { return {{"userIds", std::move(userIds)}}; }
+  // The first argument of every `event` heard by `s`, after a round trip of `s`: a push caused before
+  // this call went out on its connection ahead of the answer, so nothing caused is missed.
+  static std::vector<json::value> heardAfterRoundTrip(Session& s, const std::string& event) {
+    command(s, "queryPeersOnlineStatus", ids({"x"}));
+    std::vector<json::value> out;
+    for (auto& p : s.recorder().of(event)) out.push_back(p.args.at(0));
+    return out;
+  }
 
   const std::string app_ = ::testing::UnitTest::GetInstance()->current_test_info()->name();
 };
@@ -182,6 +194,117 @@ TEST_F(DevServerModel, AMemberGoneLongerThanTheGraceLeavesWithDisconnect) {
   EXPECT_EQ(first(*a, "MemberLeft"), ch({{"userId", "b"}, {"reason", "Disconnect"}}));
   EXPECT_EQ(model().channels["ch"].members, std::vector<std::string>{"a"});
   EXPECT_EQ(model().online, std::vector<std::string>{"a"});
+}
+
+TEST_F(DevServerModel, UserAttributeChangesReachSubscribersOnAnyServer) {
+  auto w = login("w");
+  auto s = login("s", server_->tavernTlsUrls()[0]);
+  ASSERT_TRUE(succeeds(*s, "subscribePeersUserAttributes", ids({"w"})));
+  struct Step {
+    const char* name;
+    json::value payload, pushed;  // pushed: the changed keys, null when nothing changed
+  } steps[] = {
+      {"setLocalUserAttributes", {{"attributes", {{"k", "1"}, {"j", "2"}}}}, {{"k", "1"}, {"j", "2"}}},
+      {"setLocalUserAttributes", {{"attributes", {{"k", "1"}, {"l", "3"}}}}, {{"l", "3"}, {"j", kDeleted}}},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", {{"k", "1"}}}}, nullptr},
+      {"addOrUpdateLocalUserAttributes",
+       {{"attributes", {{"k", "2"}, {"m", "4"}}}},
+       {{"k", "2"}, {"m", "4"}}},
+      {"deleteLocalUserAttributesByKeys", {{"attributeKeys", {"l", "none"}}}, {{"l", kDeleted}}},
+      {"deleteLocalUserAttributesByKeys", {{"attributeKeys", {"none"}}}, nullptr},
+      {"clearLocalUserAttributes", json::object(), {{"k", kDeleted}, {"m", kDeleted}}},
+      {"clearLocalUserAttributes", json::object(), nullptr},
+  };
+  std::vector<json::value> expected;
+  for (auto& step : steps) {
+    ASSERT_TRUE(succeeds(*w, step.name, step.payload)) << step.name << " " << step.payload;
+    if (!step.pushed.is_null()) {
+      expected.push_back(json::object{{"attributes", {{"w", {{"attributes", step.pushed}}}}}});
+    }
+  }
+  // No longer subscribed: no more pushes.
+  ASSERT_TRUE(succeeds(*s, "unsubscribePeersUserAttributes", ids({"w"})));
+  ASSERT_TRUE(succeeds(*w, "setLocalUserAttributes", {{"attributes", {{"k", "1"}}}}));
+  EXPECT_EQ(heardAfterRoundTrip(*s, "PeersUserAttributesChanged"), expected);
+  EXPECT_TRUE(w->recorder().of("PeersUserAttributesChanged").empty());
+}
+
+TEST_F(DevServerModel, OnlineStatusPushesFollowEveryPresenceChange) {
+  auto s = login("s", server_->tavernTlsUrls()[0]);
+  const auto status = [](int value) { return json::value{{"status", {{"p", value}}}}; };
+  ASSERT_TRUE(succeeds(*s, "subscribePeersOnlineStatus", ids({"p"})));  // the current status at once
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged"), status(1));
+  auto p = login("p");
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 1), status(0));
+  // A login replacing the user's connection on another server: never offline in between.
+  auto again = login("p", server_->tavernUrls()[1]);
+  ASSERT_TRUE(server_->dropTransport(1, again->socket().sid()));  // a lost connection
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 2), status(1));
+  p = login("p");
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 3), status(0));
+  p.reset();  // a logout
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 4), status(1));
+  EXPECT_EQ(heardAfterRoundTrip(*s, "PeersOnlineStatusChanged").size(), 5u);
+}
+
+// Subscriptions live while their user is online; attributes stay. A lost connection followed by the
+// client's replay (set the cached attributes, then both subscriptions) gives back the same state.
+TEST_F(DevServerModel, UserCommandsAnswerTheDocumentedReadingsAndCodes) {
+  auto a = login("a");
+  auto b = login("b", server_->tavernUrls()[1]);
+  ASSERT_TRUE(succeeds(*a, "setLocalUserAttributes", {{"attributes", {{"k", "1"}, {"j", "2"}}}}));
+  ASSERT_TRUE(succeeds(*a, "subscribePeersOnlineStatus", ids({"b", "c"})));
+  ASSERT_TRUE(succeeds(*a, "subscribePeersUserAttributes", ids({"b"})));
+  const auto stateOfA = model().users["a"];
+
+  json::object many, tooManyMore;  // 33 attributes; 31 more beside the 2 held
+  for (int i = 0; i < 33; ++i) many["k" + std::to_string(i)] = "v";
+  for (int i = 0; i < 31; ++i) tooManyMore["n" + std::to_string(i)] = "v";
+  json::array peers;  // 999 more beside the 2 subscribed: one over the limit
+  for (int i = 0; i < 999; ++i) peers.emplace_back("p" + std::to_string(i));
+  const json::value unknown{{"result", 6}}, tooMany{{"result", 6}}, invalid{{"result", 3}},
+      overLimit{{"result", 4}};
+  const json::value attributesOfA{{"k", "1"}, {"j", "2"}};
+  struct Case {
+    const char* name;
+    json::value payload, answer;
+  } cases[] = {
+      {"getUserAttributes", {{"userId", "a"}}, {{"result", 0}, {"attributes", attributesOfA}}},
+      {"getUserAttributes", {{"userId", "b"}}, {{"result", 0}, {"attributes", json::object()}}},  // online
+      {"getUserAttributes", {{"userId", "nobody"}}, unknown},
+      {"getUserAttributes", {{"userId", std::string(65, 'u')}}, invalid},
+      {"getUserAttributesByKeys",
+       {{"userId", "a"}, {"attributeKeys", {"k", "none"}}},
+       {{"result", 0}, {"attributes", {{"k", "1"}}}}},
+      {"getPeersUserAttributes",
+       ids({"a", "nobody"}),
+       {{"result", 0},
+        {"attributes", {{"a", {{"result", 0}, {"attributes", attributesOfA}}}, {"nobody", unknown}}}}},
+      {"getPeersUserAttributesByKeys",
+       {{"userIds", {"a", "b"}}, {"attributeKeys", {"j"}}},
+       {{"result", 0},
+        {"attributes",
+         {{"a", {{"result", 0}, {"attributes", {{"j", "2"}}}}},
+          {"b", {{"result", 0}, {"attributes", json::object()}}}}}}},
+      {"getPeersUserAttributes", ids({}), invalid},
+      {"queryPeersOnlineStatus",
+       ids({"b", "nobody"}),
+       {{"result", 0}, {"status", {{"b", 1}, {"nobody", 0}}}}},
+      {"queryPeersBySubscriptionOption", {{"option", 0}}, {{"result", 0}, {"userIds", {"b", "c"}}}},
+      {"queryPeersBySubscriptionOption", {{"option", 1}}, {{"result", 0}, {"userIds", {"b"}}}},
+      {"queryPeersBySubscriptionOption", {{"option", 2}}, invalid},
+      {"setLocalUserAttributes", {{"attributes", many}}, overLimit},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", tooManyMore}}, overLimit},
+      {"setLocalUserAttributes", {{"attributes", {{"k", std::string(8193, 'v')}}}}, overLimit},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", {{std::string(65, 'k'), "v"}}}}, overLimit},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", {{"k", kDeleted}}}}, invalid},
+      {"setLocalUserAttributes", {{"attributes", {{"k", 1}}}}, invalid},
+      {"deleteLocalUserAttributesByKeys", {{"attributeKeys", "k"}}, invalid},
+      {"subscribePeersOnlineStatus", ids(peers), tooMany},
+      {"subscribePeersUserAttributes", ids({"b", std::string(65, 'p')}), invalid},
+  };
+  for (auto& c : cases) EXPECT_EQ(command(*a, c.name, c.payload), c.answer) << c.name << " " << c.payload;
+  EXPECT_EQ(model().users["a"], stateOfA);  // refusals change nothing
 }
 
 }  // namespace

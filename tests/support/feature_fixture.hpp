@@ -6,7 +6,10 @@
 #include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_manager.hpp"
 #include "invitations/invitation_kit.hpp"
+#include "peers/peer_attributes.hpp"
 #include "peers/peer_messages.hpp"
+#include "peers/presence.hpp"
+#include "peers/user_attributes.hpp"
 #include "support/socketio_fixture.hpp"
 #include "transport/request.hpp"
 
@@ -87,6 +90,9 @@ class FeatureFixture : public ::testing::Test {
   std::shared_ptr<qnbrl::QNBRLChannelRegistry> channels = std::make_shared<qnbrl::QNBRLChannelRegistry>(requests);
   qnbrl::QNChannelAttributes attributes{requests};
   qnbrl::QNPeerMessages peers{requests};
+  std::shared_ptr<qnbrl::QNUserAttributes> users = std::make_shared<qnbrl::QNUserAttributes>(requests);
+  std::shared_ptr<qnbrl::QNPresence> presence = std::make_shared<qnbrl::QNPresence>(requests);
+  std::shared_ptr<qnbrl::QNPeerAttributes> peerAttributes = std::make_shared<qnbrl::QNPeerAttributes>(requests);
   std::shared_ptr<qnbrl::QNBRLInvitationKit> invitations = qnbrl::QNBRLInvitationKit::Impl::create(requests, state);
 
  private:

@@ -341,9 +341,9 @@ bool DevServer::setSilent(int server, Silence mode) {
 }
 
 std::optional<double> DevServer::burst(int server, const std::string& socket, const std::string& event, int n,
-                                       int size, std::optional<boost::json::array> args) {
+                                       int size, std::optional<boost::json::array> args, bool cycle) {
   boost::json::object request{{"cmd", "burst"}, {"server", server}, {"socket", socket},
-                              {"event", event}, {"count", n},       {"size", size}};
+                              {"event", event}, {"count", n},       {"size", size}, {"cycle", cycle}};
   if (args) request["args"] = std::move(*args);
   const auto reply = call(std::move(request), 10min);
   const auto* ms = reply.if_contains("ms");
@@ -363,12 +363,22 @@ std::vector<std::string> stringList(const json::value* v) {
   return out;
 }
 
-ChannelState channelFrom(const json::object& o) {
-  ChannelState c{stringList(o.if_contains("members")), stringList(o.if_contains("away")), {}};
-  for (const auto& [k, v] : objectAt(o, "attributes")) {
-    if (v.is_string()) c.attributes[std::string(k)] = v.get_string();
+std::map<std::string, std::string> stringMap(const json::object& o) {
+  std::map<std::string, std::string> out;
+  for (const auto& [k, v] : o) {
+    if (v.is_string()) out[std::string(k)] = v.get_string();
   }
-  return c;
+  return out;
+}
+
+ChannelState channelFrom(const json::object& o) {
+  return {stringList(o.if_contains("members")), stringList(o.if_contains("away")),
+          stringMap(objectAt(o, "attributes"))};
+}
+
+UserState userFrom(const json::object& o) {
+  return {stringMap(objectAt(o, "attributes")), stringList(o.if_contains("onlineStatusSubscriptions")),
+          stringList(o.if_contains("attributeSubscriptions"))};
 }
 
 KeptMessage keptFrom(const json::object& o) {
@@ -392,6 +402,9 @@ std::map<std::string, AppState> DevServer::model(const std::string& app) {
     a.online = stringList(o.if_contains("online"));
     for (const auto& [channel, c] : objectAt(o, "channels")) {
       if (c.is_object()) a.channels[std::string(channel)] = channelFrom(c.get_object());
+    }
+    for (const auto& [user, u] : objectAt(o, "users")) {
+      if (u.is_object()) a.users[std::string(user)] = userFrom(u.get_object());
     }
     for (const auto& [user, list] : objectAt(o, "offlineMessages")) {
       if (!list.is_array()) continue;

@@ -202,10 +202,18 @@ struct KeptMessage {  // a peer message kept for an offline target
   std::optional<Bytes> binary;
 };
 
+struct UserState {  // a user the service knows (has attributes or subscriptions)
+  std::map<std::string, std::string> attributes;
+  std::vector<std::string> onlineStatusSubscriptions;  // peers, sorted
+  std::vector<std::string> attributeSubscriptions;     // peers, sorted
+  bool operator==(const UserState&) const = default;
+};
+
 struct AppState {
   std::vector<std::string> online;  // users with a live accepted login
   std::map<std::string, ChannelState> channels;
   std::map<std::string, std::vector<KeptMessage>> offlineMessages;  // by target user, oldest first
+  std::map<std::string, UserState> users;
 };
 
 enum class Silence {
@@ -302,9 +310,10 @@ class DevServer : public ControlledServer {
   bool setSilent(int server, Silence mode);
   // Emits `count` events of `size` characters to one connection as fast as possible; the server's
   // time to hand them over, in ms.
-  // Each event carries `args` when given, else one string of `size` bytes.
+  // Each event carries `args` when given, else one string of `size` bytes. With `cycle`, `args` is a
+  // list of argument lists that the events carry in turn.
   std::optional<double> burst(int server, const std::string& socket, const std::string& event, int count,
-                              int size, std::optional<boost::json::array> args = std::nullopt);
+                              int size, std::optional<boost::json::array> args = std::nullopt, bool cycle = false);
 
   // The service model, by app id (one app only when `app` is given); reset() empties it.
   std::map<std::string, AppState> model(const std::string& app = {});

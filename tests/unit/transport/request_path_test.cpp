@@ -28,7 +28,9 @@ class RequestPathTest : public testing_support::FeatureFixture {
   std::map<std::string, Call> operations() {
     auto room = joined();
     auto reading = [](Done done) { return [done](auto, int code) { done(code); }; };
+    auto readingUser = [](Done done) { return [done](auto, const std::string&, int code) { done(code); }; };
     auto text = std::make_shared<QNBRLMessage>("hi");
+    const std::vector<QNBRLAttribute> kv{{"k", "v"}};
     return {
         {"join", [=](Done d) { room->joinWithCompletion(d); }},
         {"sendChannelMessage", [=](Done d) { room->sendMessage(text, std::nullopt, d); }},
@@ -43,7 +45,39 @@ class RequestPathTest : public testing_support::FeatureFixture {
         {"getChannelAttributes", [=, this](Done d) { attributes.getChannelAttributes("c", reading(d)); }},
         {"getChannelAttributesByKeys", [=, this](Done d) { attributes.getChannelAttributes("c", {"k"}, reading(d)); }},
         {"sendMessageToPeer", [=, this](Done d) { peers.sendMessage(text, "bob", std::nullopt, d); }},
+        {"setLocalUserAttributes", [=, this](Done d) { users->setLocalUserAttributes(kv, d); }},
+        {"addOrUpdateLocalUserAttributes", [=, this](Done d) { users->addOrUpdateLocalUserAttributes(kv, d); }},
+        {"deleteLocalUserAttributesByKeys", [this](Done d) { users->deleteLocalUserAttributesByKeys({"k"}, d); }},
+        {"clearLocalUserAttributes", [this](Done d) { users->clearLocalUserAttributesWithCompletion(d); }},
+        {"getUserAttributes", [=, this](Done d) { users->getUserAttributes("u", readingUser(d)); }},
+        {"getUserAttributesByKeys", [=, this](Done d) { users->getUserAttributes("u", {"k"}, readingUser(d)); }},
+        {"subscribePeersOnlineStatus", [this](Done d) { presence->subscribePeersOnlineStatus({"p"}, d); }},
+        {"unsubscribePeersOnlineStatus", [this](Done d) { presence->unsubscribePeersOnlineStatus({"p"}, d); }},
+        {"queryPeersOnlineStatus", [=, this](Done d) { presence->queryPeersOnlineStatus({"p"}, reading(d)); }},
+        {"queryPeersBySubscriptionOption",
+         [=, this](Done d) { presence->queryPeersBySubscriptionOption(0, reading(d)); }},
+        {"subscribePeersUserAttributes", [this](Done d) { peerAttributes->subscribePeersUserAttribes({"p"}, d); }},
+        {"unsubscribePeersUserAttributes", [this](Done d) { peerAttributes->unsubscribePeersUserAttribes({"p"}, d); }},
+        {"getPeersUserAttributes", [=, this](Done d) { peerAttributes->getPeersUserAttributes({"p"}, reading(d)); }},
+        {"getPeersUserAttributesByKeys",
+         [=, this](Done d) { peerAttributes->getPeersUserAttributes({"p"}, {"k"}, reading(d)); }},
     };
+  }
+
+  // Every record written so far is of `type`, with (action, interface, code) as listed; the records lose
+  // every space, the one inside the interface text included.
+  void expectRecords(const char* type, const std::vector<std::tuple<const char*, std::string, int>>& expected) {
+    auto all = records();
+    ASSERT_EQ(all.size(), expected.size());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      auto [action, interface, code] = expected[i];
+      std::erase(interface, ' ');
+      EXPECT_EQ(all[i].at("type"), type);
+      EXPECT_EQ(all[i].at("action"), action);
+      EXPECT_EQ(all[i].at("interface"), json::value(interface));
+      EXPECT_EQ(all[i].at("errorCode"), code);
+      EXPECT_EQ(all[i].at("result"), 0);
+    }
   }
 
   // Runs the call and answers it; every code its completion got, in order.
@@ -77,6 +111,20 @@ TEST_F(RequestPathTest, EveryOperationMapsEveryAnswerToItsOwnCode) {
       {"getChannelAttributes", {0, 7, 5, 0, 2, 2, 2, 2, 2, 2, 2, 2, 0, 2}},
       {"getChannelAttributesByKeys", {0, 7, 5, 0, 2, 3, 2, 2, 2, 2, 2, 2, 0, 2}},
       {"sendMessageToPeer", {0, 2, 5, 0, 1, 3, 4, 1, 6, 7, 1, 1, 0, 1}},
+      {"setLocalUserAttributes", {0, 7, 5, 5, 2, 2, 4, 2, 2, 2, 2, 2, 0, 2}},
+      {"addOrUpdateLocalUserAttributes", {0, 7, 5, 5, 2, 2, 4, 2, 2, 2, 2, 2, 0, 2}},
+      {"deleteLocalUserAttributesByKeys", {0, 7, 5, 5, 2, 2, 2, 2, 2, 2, 2, 2, 0, 2}},
+      {"clearLocalUserAttributes", {0, 7, 5, 5, 2, 2, 2, 2, 2, 2, 2, 2, 0, 2}},
+      {"getUserAttributes", {0, 7, 5, 5, 2, 2, 2, 2, 6, 2, 2, 2, 0, 2}},
+      {"getUserAttributesByKeys", {0, 7, 5, 5, 2, 2, 2, 2, 6, 2, 2, 2, 0, 2}},
+      {"subscribePeersOnlineStatus", {0, 4, 5, 5, 1, 1, 1, 1, 6, 1, 1, 1, 0, 1}},
+      {"unsubscribePeersOnlineStatus", {0, 4, 5, 5, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1}},
+      {"queryPeersOnlineStatus", {0, 4, 5, 5, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1}},
+      {"queryPeersBySubscriptionOption", {0, 4, 5, 5, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1}},
+      {"subscribePeersUserAttributes", {0, 4, 5, 5, 1, 1, 1, 1, 6, 1, 1, 1, 0, 1}},
+      {"unsubscribePeersUserAttributes", {0, 4, 5, 5, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1}},
+      {"getPeersUserAttributes", {0, 4, 5, 5, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1}},
+      {"getPeersUserAttributesByKeys", {0, 4, 5, 5, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1}},
   };
   auto ops = operations();
   ASSERT_EQ(ops.size(), expected.size());
@@ -109,6 +157,18 @@ TEST_F(RequestPathTest, LocalChecksRefuseInTheirOrderAndSendNothing) {
       {[&](Done d) { attributes.clearChannelAttributes("c", std::nullopt, d); }, -1},
       {[&](Done d) { attributes.getChannelAttributes("", reading(d)); }, 3},
       {[&](Done d) { attributes.getChannelAttributes("c", {}, reading(d)); }, 3},
+      {[&](Done d) { users->setLocalUserAttributes({}, d); }, 3},
+      {[&](Done d) { users->addOrUpdateLocalUserAttributes({}, d); }, 3},
+      {[&](Done d) { users->deleteLocalUserAttributesByKeys({}, d); }, 3},
+      {[&](Done d) { users->getUserAttributes(longId, [d](auto, const std::string&, int code) { d(code); }); }, 3},
+      {[&](Done d) { users->getUserAttributes("u", {}, [d](auto, const std::string&, int code) { d(code); }); }, 3},
+      {[&](Done d) { presence->subscribePeersOnlineStatus({}, d); }, 2},
+      {[&](Done d) { presence->unsubscribePeersOnlineStatus({"ok", longId}, d); }, 2},
+      {[&](Done d) { presence->queryPeersOnlineStatus({"bad\xc3\xa9"}, reading(d)); }, 2},
+      {[&](Done d) { peerAttributes->subscribePeersUserAttribes({""}, d); }, 2},
+      {[&](Done d) { peerAttributes->getPeersUserAttributes({}, reading(d)); }, 2},
+      {[&](Done d) { peerAttributes->getPeersUserAttributes({"a"}, {}, reading(d)); }, 2},
+      {[&](Done d) { peerAttributes->getPeersUserAttributes({"a"}, {"not an id*"}, reading(d)); }, -1},
   };
   for (std::size_t i = 0; i < std::size(refusals); ++i) {
     auto before = sender->count();
@@ -160,6 +220,14 @@ TEST_F(RequestPathTest, PayloadsCarryExactlyWhatTheServerReads) {
        R"({"targetUserId":"bob","content":{"text":null,"binary":{"_placeholder":true,"num":0}},"option":{"offline":false}})"},
       {[&] { peers.sendMessage(std::make_shared<QNBRLMessage>("hi"), "any*id", offline, {}); },
        R"({"targetUserId":"any*id","content":{"text":"hi","binary":null},"option":{"offline":true}})"},
+      {[&] { users->setLocalUserAttributes({{"a", "1"}, {"b", "2"}, {"a", "3"}}, {}); },
+       R"({"attributes":{"a":"3","b":"2"}})"},
+      {[&] { users->deleteLocalUserAttributesByKeys({"a"}, {}); }, R"({"attributeKeys":["a"]})"},
+      {[&] { users->clearLocalUserAttributesWithCompletion({}); }, R"({})"},
+      {[&] { users->getUserAttributes("u", {"k"}, {}); }, R"({"userId":"u","attributeKeys":["k"]})"},
+      {[&] { presence->unsubscribePeersOnlineStatus({"a", "b"}, {}); }, R"({"userIds":["a","b"]})"},
+      {[&] { presence->queryPeersBySubscriptionOption(-3, {}); }, R"({"option":-3})"},
+      {[&] { peerAttributes->getPeersUserAttributes({"a"}, {"k"}, {}); }, R"({"userIds":["a"],"attributeKeys":["k"]})"},
   };
   for (const auto& [call, payload] : rows) {
     call();
@@ -196,11 +264,6 @@ TEST_F(RequestPathTest, AnOversizeBodyIsToldAtOnceAndStillSent) {
 }
 
 TEST_F(RequestPathTest, TelemetryNamesTheOperationAndWhereItFailed) {
-  // Records lose every space, the one inside the interface text included.
-  auto spaceless = [](std::string text) {
-    std::erase(text, ' ');
-    return text;
-  };
   attributes.setChannel("c", {}, std::nullopt, {});
   attributes.setChannel("c", {{"k", "v"}}, std::nullopt, {});
   sender->answer({"Too Many Requests"});
@@ -209,22 +272,33 @@ TEST_F(RequestPathTest, TelemetryNamesTheOperationAndWhereItFailed) {
   attributes.getChannelAttributes("bad*", {});     // told 3, recorded as 102
   attributes.getChannelAttributes("c", {"k"}, {});
   sender->answer({"NO ACK"});
-  auto all = records();
-  ASSERT_EQ(all.size(), 4u);
-  const std::tuple<const char*, const char*, int> expected[] = {
-      {"set", "-[QNBRLKit setChannel:attributes:options:completion:]", 3},
-      {"set", "-[QNBRLKit setChannel:attributes:options:completion:]_block_invoke", 5},
-      {"get", "-[QNBRLKit getChannelAttributes:completion:]", 102},
-      {"get", "-[QNBRLKit getChannelAttributes:byKeys:completion:]_block_invoke", 7},
-  };
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    auto [action, interface, code] = expected[i];
-    EXPECT_EQ(all[i].at("type"), "ChannelAttributes");
-    EXPECT_EQ(all[i].at("action"), action);
-    EXPECT_EQ(all[i].at("interface"), json::value(spaceless(interface)));
-    EXPECT_EQ(all[i].at("errorCode"), code);
-    EXPECT_EQ(all[i].at("result"), 0);
-  }
+  expectRecords("ChannelAttributes", {
+                                         {"set", "-[QNBRLKit setChannel:attributes:options:completion:]", 3},
+                                         {"set", "-[QNBRLKit setChannel:attributes:options:completion:]_block_invoke", 5},
+                                         {"get", "-[QNBRLKit getChannelAttributes:completion:]", 102},
+                                         {"get", "-[QNBRLKit getChannelAttributes:byKeys:completion:]_block_invoke", 7},
+                                     });
+}
+
+TEST_F(RequestPathTest, UserAndPeerRecordsComeAfterOrBeforeTheCompletionByFamily) {
+  std::vector<std::size_t> seen;  // how many records existed when each completion ran
+  auto count = [&](int) { seen.push_back(records().size()); };
+  users->setLocalUserAttributes({}, count);
+  presence->subscribePeersOnlineStatus({}, count);
+  users->getUserAttributes("u", {"k"}, [&](auto, const std::string&, int code) { count(code); });
+  sender->answer({"NO ACK"});  // told 7, recorded as 5
+  peerAttributes->getPeersUserAttributes({"p"}, [&](auto, int code) { count(code); });
+  sender->answer({json::object{{"result", 3}}});
+  state->setLogin(false);
+  users->clearLocalUserAttributesWithCompletion(count);
+  EXPECT_EQ(seen, (std::vector<std::size_t>{0, 2, 2, 4, 4}));
+  expectRecords("UserAttributes", {
+                                      {"set", "-[QNBRLKit setLocalUserAttributes:completion:]", 3},
+                                      {"sub", "-[QNBRLKit subscribePeersOnlineStatus:completion:]", 2},
+                                      {"get", "-[QNBRLKit getUserAttributes:byKeys:completion:]_block_invoke", 5},
+                                      {"get", "-[QNBRLKit getPeersUserAttributes:completion:]_block_invoke", 1},
+                                      {"delete", "-[QNBRLKit clearLocalUserAttributesWithCompletion:]", 102},
+                                  });
 }
 
 }  // namespace
