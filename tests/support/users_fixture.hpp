@@ -52,6 +52,16 @@ class Inbox {
     kit->peersUserAttributesChanged = [add](QNBRLKit&, const std::vector<QNBRLUserAttributes>& users) {
       for (auto& u : users) add(u.userId + " attributes" + describe(u.attributes));
     };
+    auto invited = [add](std::string what) {
+      return [add, what](QNBRLInvitationKit&, const std::shared_ptr<QNBRLInvitation>& i, int = 0) {
+        add("invitation " + what + " " + i->requestInfo().value_or("-") + "/" + i->responseInfo().value_or("-"));
+      };
+    };
+    invitation->invitationArrived = invited("arrived");
+    invitation->invitationCanceled = invited("canceled");
+    invitation->invitationAccept = invited("accept");
+    invitation->invitationRefused = invited("refused");
+    invitation->invitationFailed = invited("failed");
   }
   // Until the line has been heard `times` times.
   bool waitFor(const std::string& line, long times = 1) const {
@@ -83,6 +93,7 @@ class Inbox {
 
   std::shared_ptr<QNBRLChannelDelegate> channel = std::make_shared<QNBRLChannelDelegate>();
   std::shared_ptr<QNBRLDelegate> kit = std::make_shared<QNBRLDelegate>();
+  std::shared_ptr<QNBRLInvitationDelegate> invitation = std::make_shared<QNBRLInvitationDelegate>();
 
  private:
   struct Lines {
