@@ -23,10 +23,10 @@ enum QNBRLUserAttributeErrorCode : int {
   QNBRLUserAttributeErrorOk = 0,
   QNBRLUserAttributeErrorFailure = 2,          ///< the server refused
   QNBRLUserAttributeErrorInvalidArgument = 3,  ///< an empty list or an invalid user id, found locally
-  QNBRLUserAttributeErrorServerCode4 = 4,      ///< set and add-or-update only; the dev server: over its limits
-  QNBRLUserAttributeErrorTooOften = 5,         ///< the server's rate limit
-  QNBRLUserAttributeErrorServerCode6 = 6,      ///< reads only; the dev server: a user it does not know
-  QNBRLUserAttributeErrorTimeout = 7,          ///< no acknowledgement within 6 seconds (10 for the clear)
+  QNBRLUserAttributeErrorServerCode4 = 4,  ///< set and add-or-update only; the dev server: over its limits
+  QNBRLUserAttributeErrorTooOften = 5,     ///< the server's rate limit
+  QNBRLUserAttributeErrorServerCode6 = 6,  ///< reads only; the dev server: a user it does not know
+  QNBRLUserAttributeErrorTimeout = 7,      ///< no acknowledgement within 6 seconds (10 for the clear)
   QNBRLUserAttributeErrorNotLoggedIn = 102,
 };
 

@@ -31,11 +31,14 @@ class Inbox {
       std::lock_guard lock(lines->mutex);
       lines->all.push_back(std::move(line));
     };
-    channel->memberJoined = [add](QNBRLChannel& c, const QNBRLMember& m) { add(c.channelId() + ": joined " + m.userId); };
+    channel->memberJoined = [add](QNBRLChannel& c, const QNBRLMember& m) {
+      add(c.channelId() + ": joined " + m.userId);
+    };
     channel->memberLeftReason = [add](QNBRLChannel& c, const QNBRLMember& m, QNBRLChannelMemberLeftReason r) {
       add(c.channelId() + ": left " + m.userId + " " + std::to_string(r));
     };
-    channel->messageReceived = [add](QNBRLChannel& c, const std::shared_ptr<QNBRLMessage>& m, const QNBRLMember& from) {
+    channel->messageReceived = [add](QNBRLChannel& c, const std::shared_ptr<QNBRLMessage>& m,
+                                     const QNBRLMember& from) {
       auto* raw = dynamic_cast<QNBRLRawMessage*>(m.get());
       add(c.channelId() + ": " + from.userId + " says " + m->text.value_or("") +
           (raw ? " +" + std::to_string(raw->rawData->size()) + "B" : ""));
@@ -54,7 +57,8 @@ class Inbox {
     };
     auto invited = [add](std::string what) {
       return [add, what](QNBRLInvitationKit&, const std::shared_ptr<QNBRLInvitation>& i, int = 0) {
-        add("invitation " + what + " " + i->requestInfo().value_or("-") + "/" + i->responseInfo().value_or("-"));
+        add("invitation " + what + " " + i->requestInfo().value_or("-") + "/" +
+            i->responseInfo().value_or("-"));
       };
     };
     invitation->invitationArrived = invited("arrived");

@@ -32,7 +32,8 @@ TEST_F(PeersTest, PresenceAndAttributesReachSubscribersOnOtherServers) {
   EXPECT_EQ(users[1].userId + Inbox::describe(users[1].attributes), "nobody");
   std::promise<std::optional<std::vector<QNBRLPeerOnlineStatus>>> online;
   bob->kit->queryPeersOnlineStatus({"alice", "nobody"}, [&](auto list, int) { online.set_value(list); });
-  EXPECT_EQ(within(online.get_future()), (std::vector<QNBRLPeerOnlineStatus>{{"alice", true}, {"nobody", false}}));
+  EXPECT_EQ(within(online.get_future()),
+            (std::vector<QNBRLPeerOnlineStatus>{{"alice", true}, {"nobody", false}}));
   std::promise<std::optional<std::vector<std::string>>> subscribed;
   bob->kit->queryPeersBySubscriptionOption(1, [&](auto list, int) { subscribed.set_value(list); });
   EXPECT_EQ(within(subscribed.get_future()), Lines{"alice"});
