@@ -3,6 +3,10 @@
 #include "socketio/engine.hpp"
 #include "socketio/websocket_transport.hpp"
 
+#include <boost/asio/io_context.hpp>
+
+#include <stdexcept>
+
 namespace sio {
 
 void Responder::operator()(const Payload& args) const {
@@ -43,8 +47,17 @@ void Socket::disconnect() {
 std::string Socket::sid() const { return engine_->sid(); }
 Socket::Status Socket::status() const { return engine_->status(); }
 
+namespace {
+boost::asio::any_io_executor loopExecutor(boost::asio::any_io_executor executor) {
+  if (!executor.target<boost::asio::io_context::executor_type>()) {
+    throw std::invalid_argument("sio::Manager needs an io_context's executor");
+  }
+  return executor;
+}
+}  // namespace
+
 Manager::Manager(boost::asio::any_io_executor executor, std::string url, Options options)
-    : Manager(std::make_shared<detail::Engine>(std::move(executor), url, std::move(options),
+    : Manager(std::make_shared<detail::Engine>(loopExecutor(std::move(executor)), std::move(url), std::move(options),
                                                detail::makeWebSocketTransport)) {}
 
 Manager::Manager(std::shared_ptr<detail::Engine> engine) : socket_(new Socket(std::move(engine))) {}
