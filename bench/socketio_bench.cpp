@@ -386,9 +386,7 @@ void runSocketIoBenchmarks(std::ostream& out) {
   RawClient raw(server.echoUrl());
 
   // The text frame the client sends for the first emit, for the raw client to echo.
-  auto named = commandArgs();
-  named.insert(named.begin(), json::value("command"));
-  const std::string frame = sio::encodeEvent(sio::Payload{std::move(named), {}}, 0).text;
+  const std::string frame = sio::encodeEvent("command", sio::Payload{commandArgs(), {}}, 0).text;
 
   auto events = std::make_shared<EventCounter>();
   sio.socket().on("ChannelMessageReceived",

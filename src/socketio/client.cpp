@@ -29,14 +29,14 @@ void Socket::connect(std::chrono::milliseconds timeout, std::function<void()> on
 
 void Socket::emit(std::string event, Payload args) {
   engine_->run([event = std::move(event), args = std::move(args)](detail::Engine& e) mutable {
-    e.emit(std::move(event), std::move(args), std::nullopt, nullptr);
+    e.emit(event, args, std::nullopt, nullptr);
   });
 }
 
 void Socket::emitWithAck(std::string event, Payload args, std::chrono::milliseconds timeout, AckCallback callback) {
   engine_->run([event = std::move(event), args = std::move(args), timeout,
                 callback = std::move(callback)](detail::Engine& e) mutable {
-    e.emit(std::move(event), std::move(args), timeout, std::move(callback));
+    e.emit(event, args, timeout, std::move(callback));
   });
 }
 

@@ -2,16 +2,19 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/parser.hpp>
-#include <boost/json/serializer.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace sio {
 
@@ -34,46 +37,79 @@ constexpr std::size_t kMaxJsonDepth = 64;
 // An open packet is a hundred bytes or so.
 constexpr std::size_t kHandshakeMemory = 64 * 1024;
 
-// Meters what parsing one payload allocates (the parser's stack and the value) against a budget.
-// The budget ends with the parse: the value, and the copies the application makes of it (which
-// share this resource), allocate freely afterwards.
-class Budget final : public json::memory_resource {
+// What one packet's JSON takes to parse (the value, and the parser's stack beyond its buffer on the
+// C++ stack), carved from blocks that all go at once with the last value using them: one allocation
+// for a typical packet instead of one per node, and nothing to free node by node. Parsing is metered
+// against a budget. Once sealed, what the application adds to the value or its copies (which share
+// this resource) comes from the heap, with no state that changes, so any thread may do it.
+class PacketArena final : public json::memory_resource {
  public:
   // The shared holder keeps the resource out of reach: it tells where it is through `self`.
-  Budget(std::size_t bytes, Budget*& self) : left_(bytes) { self = this; }
-  // Called before the value leaves the parsing thread, so later allocations elsewhere never read a
-  // changing budget.
-  void lift() { metered_ = false; }
+  PacketArena(std::size_t budget, PacketArena*& self) : left_(budget) { self = this; }
+  ~PacketArena() override {
+    while (extra_) ::operator delete(std::exchange(extra_, extra_->next));
+  }
+  PacketArena(const PacketArena&) = delete;
+  PacketArena& operator=(const PacketArena&) = delete;
+  // Called before the value leaves the parsing thread.
+  void seal() { sealed_ = true; }
 
  private:
-  void* do_allocate(std::size_t n, std::size_t) override {
-    if (metered_) {
-      if (n > left_) throw std::bad_alloc();
-      left_ -= n;
+  struct Block {
+    Block* next;
+    std::size_t size;  // of the bytes that follow
+  };
+  // Room for a typical event (a nested object of a few keys) with the arena itself in one allocation.
+  static constexpr std::size_t kInline = 1024 - 64;
+
+  static std::uintptr_t address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+  static std::uintptr_t alignUp(std::uintptr_t a, std::size_t align) { return (a + align - 1) & ~(align - 1); }
+
+  void* do_allocate(std::size_t n, std::size_t align) override {
+    if (sealed_) return ::operator new(n);
+    if (n > left_) throw std::bad_alloc();
+    left_ -= n;
+    auto p = alignUp(next_, align);
+    if (p + n > end_) {
+      const std::size_t size = std::max(n + align, std::exchange(grow_, grow_ * 2));
+      auto* b = static_cast<Block*>(::operator new(sizeof(Block) + size));
+      *b = Block{extra_, size};
+      extra_ = b;
+      next_ = address(b + 1);
+      end_ = next_ + size;
+      p = alignUp(next_, align);
     }
-    return ::operator new(n);
+    next_ = p + n;
+    return reinterpret_cast<void*>(p);
   }
-  void do_deallocate(void* p, std::size_t n, std::size_t) override {
-    if (metered_) left_ += n;
-    ::operator delete(p);
+  void do_deallocate(void* p, std::size_t, std::size_t) override {
+    if (sealed_ && !owns(p)) ::operator delete(p);
+  }
+  bool owns(const void* p) const {
+    const auto a = address(p);
+    if (a >= address(inline_) && a < address(inline_ + kInline)) return true;
+    for (const Block* b = extra_; b; b = b->next) {
+      if (a >= address(b + 1) && a < address(b + 1) + b->size) return true;
+    }
+    return false;
   }
   bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
 
   std::size_t left_;
-  bool metered_ = true;
+  bool sealed_ = false;
+  Block* extra_ = nullptr;
+  std::size_t grow_ = 4 * kInline;
+  alignas(std::max_align_t) unsigned char inline_[kInline];
+  std::uintptr_t next_ = address(inline_);
+  std::uintptr_t end_ = next_ + kInline;
 };
-
-// No JSON text takes more than 36 times its size to parse (a run of one-digit numbers, the parser's
-// stack just doubled): a payload too short to reach its budget, as nearly all are, is not metered.
-constexpr std::size_t kDensestJson = 48;
 
 Result<json::value> parseJson(std::string_view text, std::size_t budget) {
   using R = Result<json::value>;
   json::parse_options options;
   options.max_depth = kMaxJsonDepth;
-  Budget* meter = nullptr;
-  json::storage_ptr storage;
-  if (text.size() > budget / kDensestJson) storage = json::make_shared_resource<Budget>(budget, meter);
+  PacketArena* arena = nullptr;
+  json::storage_ptr storage = json::make_shared_resource<PacketArena>(budget, arena);
   unsigned char stack[BOOST_JSON_STACK_BUFFER_SIZE];
   json::parser parser(storage, options, stack);
   parser.reset(storage);
@@ -82,70 +118,131 @@ Result<json::value> parseJson(std::string_view text, std::size_t budget) {
     parser.write(text.data(), text.size(), ec);
     if (ec) return R::fail("payload is not valid JSON");
     auto value = parser.release();
-    if (meter) meter->lift();
+    arena->seal();
     return ok(std::move(value));
   } catch (const std::bad_alloc&) {
     return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
   }
 }
 
-// Serializes straight into the tail of `out`, growing it as the serializer asks for room.
-template <class T>
-void appendJson(std::string& out, const T& v) {
-  json::serializer sr;
-  sr.reset(&v);
-  while (!sr.done()) {
-    const std::size_t used = out.size();
-    out.resize(std::max(out.capacity(), used + 64));
-    out.resize(used + sr.read(out.data() + used, out.size() - used).size());
+// Appends to a string through a cursor: the string grows geometrically and is cut to length once,
+// instead of a size check and a terminator per character.
+class Writer {
+ public:
+  explicit Writer(std::string& out) : out_(out), pos_(out.size()) {}
+  ~Writer() { out_.resize(pos_); }  // before the string is read
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  void put(char c) { *room(1) = c, ++pos_; }
+  void put(std::string_view s) {
+    std::memcpy(room(s.size()), s.data(), s.size());
+    pos_ += s.size();
+  }
+  template <class N>
+  void number(N n) {
+    const auto end = std::to_chars(room(32), out_.data() + out_.size(), n).ptr;
+    pos_ = static_cast<std::size_t>(end - out_.data());
+  }
+
+ private:
+  char* room(std::size_t n) {
+    // The first growth fits a typical packet.
+    if (out_.size() - pos_ < n) out_.resize(std::max(2 * out_.size(), pos_ + n + 160));
+    return out_.data() + pos_;
+  }
+  std::string& out_;
+  std::size_t pos_;
+};
+
+// Whether any of the eight bytes in `x` is a control character, '"' or '\\' (bit tricks: a byte
+// below n makes (b - n) borrow into its top bit).
+bool needsEscape(std::uint64_t x) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
+  const auto below = [&](std::uint64_t v, unsigned n) { return (v - kOnes * n) & ~v & kHigh; };
+  return (below(x, 0x20) | below(x ^ (kOnes * '"'), 1) | below(x ^ (kOnes * '\\'), 1)) != 0;
+}
+
+// A JSON string, escaped as the reference serializers escape it.
+void writeString(Writer& w, std::string_view s) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  w.put('"');
+  std::size_t plain = 0;  // start of the run not yet written
+  std::size_t i = 0;
+  // Strings rarely need escapes: skip them eight bytes at a time.
+  for (std::uint64_t x; i + 8 <= s.size() && (std::memcpy(&x, s.data() + i, 8), !needsEscape(x));) i += 8;
+  for (; i < s.size(); ++i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    w.put(s.substr(plain, i - plain));
+    plain = i + 1;
+    switch (c) {
+      case '"': w.put("\\\""); break;
+      case '\\': w.put("\\\\"); break;
+      case '\b': w.put("\\b"); break;
+      case '\f': w.put("\\f"); break;
+      case '\n': w.put("\\n"); break;
+      case '\r': w.put("\\r"); break;
+      case '\t': w.put("\\t"); break;
+      default: {
+        const char escaped[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
+        w.put(std::string_view(escaped, 6));
+      }
+    }
+  }
+  w.put(s.substr(plain));
+  w.put('"');
+}
+
+// Serializes in one walk. JSON has no Infinity or NaN: they go out as null, as JSON.stringify
+// writes them (the server would close the connection on anything else).
+void writeJson(Writer& w, const json::value& v) {
+  switch (v.kind()) {
+    case json::kind::null:
+      return w.put("null");
+    case json::kind::bool_:
+      return w.put(v.get_bool() ? "true" : "false");
+    case json::kind::int64:
+      return w.number(v.get_int64());
+    case json::kind::uint64:
+      return w.number(v.get_uint64());
+    case json::kind::double_:
+      if (!std::isfinite(v.get_double())) return w.put("null");
+      return w.number(v.get_double());
+    case json::kind::string: {
+      const auto& s = v.get_string();
+      return writeString(w, std::string_view(s.data(), s.size()));
+    }
+    case json::kind::array: {
+      char sep = '[';
+      for (const auto& e : v.get_array()) {
+        w.put(std::exchange(sep, ','));
+        writeJson(w, e);
+      }
+      return w.put(sep == '[' ? "[]" : "]");
+    }
+    case json::kind::object: {
+      char sep = '{';
+      for (const auto& e : v.get_object()) {
+        w.put(std::exchange(sep, ','));
+        writeString(w, std::string_view(e.key().data(), e.key().size()));
+        w.put(':');
+        writeJson(w, e.value());
+      }
+      return w.put(sep == '{' ? "{}" : "}");
+    }
   }
 }
 
-// JSON has no Infinity or NaN, and Boost.JSON writes them as such; the server would close the
-// connection on them. They go out as null, as JSON.stringify writes them. The check walks without
-// allocating; only a payload that has one pays for a copy.
-bool hasNonFinite(const json::value& v);
-bool hasNonFinite(const json::array& a) {
-  return std::any_of(a.begin(), a.end(), [](const json::value& e) { return hasNonFinite(e); });
-}
-bool hasNonFinite(const json::object& o) {
-  return std::any_of(o.begin(), o.end(), [](const json::key_value_pair& e) { return hasNonFinite(e.value()); });
-}
-bool hasNonFinite(const json::value& v) {
-  if (const auto* d = v.if_double()) return !std::isfinite(*d);
-  if (const auto* a = v.if_array()) return hasNonFinite(*a);
-  if (const auto* o = v.if_object()) return hasNonFinite(*o);
-  return false;
-}
-
-void nullNonFinite(json::value& v);
-void nullNonFinite(json::array& a) {
-  for (auto& e : a) nullNonFinite(e);
-}
-void nullNonFinite(json::object& o) {
-  for (auto& e : o) nullNonFinite(e.value());
-}
-void nullNonFinite(json::value& v) {
-  if (const auto* d = v.if_double(); d && !std::isfinite(*d)) {
-    v = nullptr;
-  } else if (auto* a = v.if_array()) {
-    nullNonFinite(*a);
-  } else if (auto* o = v.if_object()) {
-    nullNonFinite(*o);
+// The arguments as a JSON array, after the event name when there is one.
+void writeArgs(Writer& w, std::optional<std::string_view> event, const json::array& args) {
+  w.put('[');
+  if (event) writeString(w, *event);
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (i > 0 || event) w.put(',');
+    writeJson(w, args[i]);
   }
-}
-
-void appendFiniteJson(std::string& out, const json::array& args) {
-  if (!hasNonFinite(args)) return appendJson(out, args);
-  json::array copy(args);
-  nullNonFinite(copy);
-  appendJson(out, copy);
-}
-
-void appendNumber(std::string& out, std::uint64_t n) {
-  char digits[20];
-  const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
-  out.append(digits, end);
+  w.put(']');
 }
 
 // A JSON integer in [1, max], or nothing.
@@ -205,26 +302,24 @@ const char* payloadError(PacketType type, const json::value* payload) {
   return "unknown packet type";
 }
 
-// The text frame's head: '4', the packet type, and the attachment count for binary packets.
-std::string packetHead(PacketType plain, PacketType binary, std::size_t attachments) {
-  std::string text;
-  text.reserve(128);
-  text += '4';
-  if (attachments == 0) {
-    text += static_cast<char>('0' + static_cast<int>(plain));
-  } else {
-    text += static_cast<char>('0' + static_cast<int>(binary));
-    appendNumber(text, attachments);
-    text += '-';
-  }
-  return text;
-}
-
+// The text frame: '4', the packet type (with the attachment count for binary packets), the ack id,
+// the arguments.
 Frames encodeArgs(PacketType plain, PacketType binary, std::optional<std::uint64_t> id,
-                  const Payload& payload) {
-  Frames out{packetHead(plain, binary, payload.buffers.size()), payload.buffers};
-  if (id) appendNumber(out.text, *id);
-  appendFiniteJson(out.text, payload.args);
+                  std::optional<std::string_view> event, const Payload& payload) {
+  Frames out{{}, payload.buffers};
+  {
+    Writer w(out.text);
+    w.put('4');
+    if (payload.buffers.empty()) {
+      w.put(static_cast<char>('0' + static_cast<int>(plain)));
+    } else {
+      w.put(static_cast<char>('0' + static_cast<int>(binary)));
+      w.number(payload.buffers.size());
+      w.put('-');
+    }
+    if (id) w.number(*id);
+    writeArgs(w, event, payload.args);
+  }
   return out;
 }
 
@@ -322,12 +417,12 @@ Frames encodeDisconnect() {
   return Frames{"41", {}};
 }
 
-Frames encodeEvent(const Payload& payload, std::optional<std::uint64_t> ack_id) {
-  return encodeArgs(PacketType::Event, PacketType::BinaryEvent, ack_id, payload);
+Frames encodeEvent(std::string_view event, const Payload& payload, std::optional<std::uint64_t> ack_id) {
+  return encodeArgs(PacketType::Event, PacketType::BinaryEvent, ack_id, event, payload);
 }
 
 Frames encodeAck(std::uint64_t ack_id, const Payload& payload) {
-  return encodeArgs(PacketType::Ack, PacketType::BinaryAck, ack_id, payload);
+  return encodeArgs(PacketType::Ack, PacketType::BinaryAck, ack_id, std::nullopt, payload);
 }
 
 bool isReservedEventName(std::string_view name) {

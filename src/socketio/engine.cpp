@@ -29,7 +29,7 @@ std::string Engine::sid() const {
 }
 
 void Engine::on(std::string event, EventHandler handler) {
-  if (!abandoned_) handlers_[std::move(event)] = std::move(handler);
+  if (!abandoned_) handlers_[std::move(event)] = std::make_shared<const EventHandler>(std::move(handler));
 }
 
 void Engine::abandon() {
@@ -169,11 +169,13 @@ void Engine::onConnectReply(const Packet& packet) {
 void Engine::deliverEvent(Packet packet) {
   auto* args = packet.data.if_array();
   if (!args || args->empty()) return;
-  std::string name;
+  std::string number;  // a name that is a number is looked up as its text
+  std::string_view name;
   if (auto* s = (*args)[0].if_string()) {
-    name.assign(s->data(), s->size());
+    name = std::string_view(s->data(), s->size());
   } else {
-    name = boost::json::serialize((*args)[0]);
+    number = boost::json::serialize((*args)[0]);
+    name = number;
   }
   auto it = handlers_.find(name);
   if (it == handlers_.end()) return;
@@ -191,9 +193,9 @@ void Engine::deliverEvent(Packet packet) {
           }
         });
   }
-  // A copy: the handler may replace or remove itself while it runs.
-  auto handler = it->second;
-  if (!abandoned_.load()) safeCall(handler, payload, responder);
+  // Held: the handler may replace or remove itself while it runs.
+  const auto handler = it->second;
+  if (!abandoned_.load()) safeCall(*handler, payload, responder);
 }
 
 void Engine::deliverAck(Packet packet) {
@@ -204,17 +206,13 @@ void Engine::deliverAck(Packet packet) {
   acks_->answer(*packet.id, payload);
 }
 
-void Engine::emit(std::string event, Payload args, std::optional<std::chrono::milliseconds> timeout,
-                  AckCallback callback) {
+void Engine::emit(std::string_view event, const Payload& args, std::optional<std::chrono::milliseconds> timeout,
+                  AckCallback&& callback) {
   std::optional<std::uint64_t> id;
-  if (timeout) {
-    id = next_ack_id_++;
-    acks_->add(*id, *timeout, std::move(callback));
-  }
+  if (timeout) id = acks_->add(*timeout, std::move(callback));
   auto s = status_.load();
   if (abandoned_ || s == Socket::Status::Disconnected || isReservedEventName(event)) return;
-  args.args.insert(args.args.begin(), boost::json::value(event));
-  auto frames = encodeEvent(args, id);
+  auto frames = encodeEvent(event, args, id);
   if (!validUtf8(frames.text)) return;
   if (s == Socket::Status::Connected) {
     transmit(std::move(frames));
@@ -252,8 +250,8 @@ void Engine::armHeartbeat() {
 void Engine::fire(const std::string& event, const Payload& args, const Responder& responder) {
   auto it = handlers_.find(event);
   if (it == handlers_.end()) return;
-  auto handler = it->second;
-  if (!abandoned_.load()) safeCall(handler, args, responder);
+  const auto handler = it->second;
+  if (!abandoned_.load()) safeCall(*handler, args, responder);
 }
 
 void Engine::close(const std::string& why, bool report) {

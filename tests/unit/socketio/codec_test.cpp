@@ -157,22 +157,24 @@ TEST(SocketIoCodec, EncodesTheWireVectors) {
   EXPECT_EQ(encodeDisconnect().text, "41");
 
   const auto args = [](const char* text) { return json::parse(text).as_array(); };
-  EXPECT_EQ(encodeEvent({args(R"(["hey","Jude"])"), {}}, std::nullopt).text, R"(42["hey","Jude"])");
-  EXPECT_EQ(encodeEvent({args(R"(["foo"])"), {}}, 12).text, R"(4212["foo"])");
+  EXPECT_EQ(encodeEvent("hey", {args(R"(["Jude"])"), {}}, std::nullopt).text, R"(42["hey","Jude"])");
+  EXPECT_EQ(encodeEvent("foo", {}, 12).text, R"(4212["foo"])");
   EXPECT_EQ(encodeAck(13, {args(R"(["answer"])"), {}}).text, R"(4313["answer"])");
   EXPECT_EQ(encodeAck(12, {}).text, "4312[]");
-  EXPECT_EQ(encodeEvent({json::array{"é\"\n", -1, 2.5, nullptr, json::object{}}, {}}, std::nullopt).text,
-            "42[\"é\\\"\\n\",-1,2.5E0,null,{}]");
+  EXPECT_EQ(encodeEvent("é\"\n", {json::array{"\x01\\\t", -1, 2.5, 18446744073709551615u, nullptr, json::object{}}, {}},
+                        std::nullopt)
+                .text,
+            "42[\"é\\\"\\n\",\"\\u0001\\\\\\t\",-1,2.5,18446744073709551615,null,{}]");
 
   // Numbers that overflowed to infinity, or that the caller made non-finite, go out as JSON does them.
   const double inf = std::numeric_limits<double>::infinity();
   const Payload odd{json::array{inf, json::object{{"k", json::array{-inf, std::nan("")}}}, 1.5}, {}};
-  EXPECT_EQ(encodeEvent(odd, std::nullopt).text, R"(42[null,{"k":[null,null]},1.5E0])");
-  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},1.5E0])");
+  EXPECT_EQ(encodeEvent("n", odd, std::nullopt).text, R"(42["n",null,{"k":[null,null]},1.5])");
+  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},1.5])");
 
-  const Payload up{json::array{"up", makePlaceholder(0), makePlaceholder(1)},
+  const Payload up{json::array{makePlaceholder(0), makePlaceholder(1)},
                    {bytes("\x01\x02\x03"), bytes("\x04\x05\x06")}};
-  const Frames sent = encodeEvent(up, 3);
+  const Frames sent = encodeEvent("up", up, 3);
   EXPECT_EQ(sent.text, R"(452-3["up",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])");
   EXPECT_EQ(sent.binary, up.buffers);
 
