@@ -44,8 +44,12 @@ constexpr std::size_t kHandshakeMemory = 64 * 1024;
 // this resource) comes from the heap, with no state that changes, so any thread may do it.
 class PacketArena final : public json::memory_resource {
  public:
-  // The shared holder keeps the resource out of reach: it tells where it is through `self`.
-  PacketArena(std::size_t budget, PacketArena*& self) : left_(budget) { self = this; }
+  // The shared holder keeps the resource out of reach: it tells where it is through `self`. The
+  // first block beyond the inline one is sized for `text` bytes of JSON: a value that outlives its
+  // handler pins the whole arena, so it stays near the packet's own size.
+  PacketArena(std::size_t budget, std::size_t text, PacketArena*& self) : left_(budget), grow_(2 * text + 256) {
+    self = this;
+  }
   ~PacketArena() override {
     while (extra_) ::operator delete(std::exchange(extra_, extra_->next));
   }
@@ -59,8 +63,8 @@ class PacketArena final : public json::memory_resource {
     Block* next;
     std::size_t size;  // of the bytes that follow
   };
-  // Room for a typical event (a nested object of a few keys) with the arena itself in one allocation.
-  static constexpr std::size_t kInline = 1024 - 64;
+  // Room for a small packet (an acknowledgement, a short event) in the arena's own allocation.
+  static constexpr std::size_t kInline = 512 - 64;
 
   static std::uintptr_t address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
   static std::uintptr_t alignUp(std::uintptr_t a, std::size_t align) { return (a + align - 1) & ~(align - 1); }
@@ -98,7 +102,7 @@ class PacketArena final : public json::memory_resource {
   std::size_t left_;
   bool sealed_ = false;
   Block* extra_ = nullptr;
-  std::size_t grow_ = 4 * kInline;
+  std::size_t grow_;
   alignas(std::max_align_t) unsigned char inline_[kInline];
   std::uintptr_t next_ = address(inline_);
   std::uintptr_t end_ = next_ + kInline;
@@ -109,7 +113,7 @@ Result<json::value> parseJson(std::string_view text, std::size_t budget) {
   json::parse_options options;
   options.max_depth = kMaxJsonDepth;
   PacketArena* arena = nullptr;
-  json::storage_ptr storage = json::make_shared_resource<PacketArena>(budget, arena);
+  json::storage_ptr storage = json::make_shared_resource<PacketArena>(budget, text.size(), arena);
   unsigned char stack[BOOST_JSON_STACK_BUFFER_SIZE];
   json::parser parser(storage, options, stack);
   parser.reset(storage);
@@ -143,6 +147,13 @@ class Writer {
   void number(N n) {
     const auto end = std::to_chars(room(32), out_.data() + out_.size(), n).ptr;
     pos_ = static_cast<std::size_t>(end - out_.data());
+  }
+  // Shortest round-trip form, kept a fraction (1.0, not 1) so that a peer reads it back as one.
+  void real(double d) {
+    const auto start = pos_;
+    number(d);
+    const std::string_view text(out_.data() + start, pos_ - start);
+    if (text.find_first_of(".e") == std::string_view::npos) put(".0");
   }
 
  private:
@@ -208,7 +219,7 @@ void writeJson(Writer& w, const json::value& v) {
       return w.number(v.get_uint64());
     case json::kind::double_:
       if (!std::isfinite(v.get_double())) return w.put("null");
-      return w.number(v.get_double());
+      return w.real(v.get_double());
     case json::kind::string: {
       const auto& s = v.get_string();
       return writeString(w, std::string_view(s.data(), s.size()));

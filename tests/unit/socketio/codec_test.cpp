@@ -168,9 +168,9 @@ TEST(SocketIoCodec, EncodesTheWireVectors) {
 
   // Numbers that overflowed to infinity, or that the caller made non-finite, go out as JSON does them.
   const double inf = std::numeric_limits<double>::infinity();
-  const Payload odd{json::array{inf, json::object{{"k", json::array{-inf, std::nan("")}}}, 1.5}, {}};
-  EXPECT_EQ(encodeEvent("n", odd, std::nullopt).text, R"(42["n",null,{"k":[null,null]},1.5])");
-  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},1.5])");
+  const Payload odd{json::array{inf, json::object{{"k", json::array{-inf, std::nan("")}}}, -1.0}, {}};
+  EXPECT_EQ(encodeEvent("n", odd, std::nullopt).text, R"(42["n",null,{"k":[null,null]},-1.0])");
+  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},-1.0])");
 
   const Payload up{json::array{makePlaceholder(0), makePlaceholder(1)},
                    {bytes("\x01\x02\x03"), bytes("\x04\x05\x06")}};
