@@ -49,3 +49,5 @@ void runSocketIoBenchmarks(std::ostream& out);
 void runDiagnosticsBenchmarks(std::ostream& out);
 // Login time through the public client, and the footprint of many idle logged-in clients.
 void runSessionBenchmarks(std::ostream& out);
+// A request and a pushed channel message through the SDK, against the Socket.IO layer alone.
+void runChannelBenchmarks(std::ostream& out);

@@ -131,6 +131,7 @@ int main(int argc, char** argv) {
       {"socketio", runSocketIoBenchmarks},
       {"diagnostics", runDiagnosticsBenchmarks},
       {"session", runSessionBenchmarks},
+      {"channels", runChannelBenchmarks},
   };
   int status = 0;
   for (const auto& group : groups) {

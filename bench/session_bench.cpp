@@ -1,5 +1,6 @@
 // What a session costs: the time from loginByToken to its completion on loopback (discovery
-// included), and what a thousand logged-in, idle clients cost the process in threads, memory and CPU.
+// included), and what a thousand logged-in clients cost the process in threads, memory and CPU: idle, and
+// each joined to a channel of its own and heartbeating.
 //
 // The dev server runs with its session side on: tavern servers check each login's query and answer
 // "loginSuccess". Client CPU is getrusage(RUSAGE_SELF): the Node server is a child process, so it is
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -44,6 +46,9 @@ constexpr int kFdsBeyondClients = 256;
 constexpr double kLoginTargetMs = 5;
 constexpr int kThreadTarget = 8;
 constexpr double kRssTargetKib = 64;
+// Joined and heartbeating: at most 1 % of one core for all of them, and 32 KiB each.
+constexpr double kJoinedRssTargetKib = 32;
+constexpr double kJoinedCpuTarget = 0.01;
 
 constexpr const char* kAppId = "bench-app";
 constexpr const char* kToken = "0123456789abcdef0123456789abcdef";
@@ -248,7 +253,8 @@ void raiseFileLimit(int clients) {
 
 // `clients` logged-in clients of one app, distinct users, spread over the tavern servers; one figure
 // line. Runs once per process configuration: a second round would reuse the first one's freed pages.
-void runIdleClients(std::ostream& out, const char* name, bool deflate, int clients) {
+// With `join`, each client also joins a channel of its own and heartbeats every 2 seconds.
+void runIdleClients(std::ostream& out, const char* name, bool deflate, int clients, bool join = false) {
   devserver::DevServerOptions options;
   options.tavern = kTaverns;
   options.tavernTls = 0;
@@ -295,11 +301,22 @@ void runIdleClients(std::ostream& out, const char* name, bool deflate, int clien
       throw std::runtime_error("a login was refused with code " + std::to_string(c.lastFailure));
   }
   const double loginSeconds = millis(Steady::now() - started) / 1e3;
+  std::vector<std::shared_ptr<qnbrl::QNBRLChannel>> channels;
+  if (join) {
+    auto joined = std::make_shared<std::atomic<int>>(0);
+    for (std::size_t i = 0; i < kits.size(); ++i) {
+      channels.push_back(kits[i]->createChannelWithId("bench-room-" + std::to_string(i), {}));
+      channels.back()->joinWithCompletion([joined](int code) { joined->fetch_add(code == 0 ? 1 : 1 << 20); });
+    }
+    const auto deadline = Steady::now() + kWaitLimit;
+    while (joined->load() < clients && Steady::now() < deadline) std::this_thread::sleep_for(10ms);
+    if (joined->load() != clients) throw std::runtime_error("not every client joined its channel");
+  }
   const auto after = footprint();
 
   const double cpu = cpuSeconds();
   const auto idleStarted = Steady::now();
-  std::this_thread::sleep_for(kIdle);  // the measurement itself: what idle clients cost
+  std::this_thread::sleep_for(join ? 3 * kIdle : kIdle);  // the measurement itself: what idle clients cost
   const double idleCpu = (cpuSeconds() - cpu) / (millis(Steady::now() - idleStarted) / 1e3);
 
   std::cerr << " " << loginSeconds << " s to log in\n";
@@ -314,10 +331,12 @@ void runIdleClients(std::ostream& out, const char* name, bool deflate, int clien
       .add("heap_kib_per_client", (after.heapKib - before.heapKib) / clients, 1)
       .add("idle_cpu_s_per_s", idleCpu, 4)
       .add("target_threads", kThreadTarget)
-      .add("target_rss_kib_per_client", kRssTargetKib, 0)
-      .add("pass", after.threads <= kThreadTarget && rssPerClient <= kRssTargetKib)
+      .add("target_rss_kib_per_client", join ? kJoinedRssTargetKib : kRssTargetKib, 0)
+      .add("pass", after.threads <= kThreadTarget && rssPerClient <= (join ? kJoinedRssTargetKib : kRssTargetKib) &&
+                       (!join || idleCpu <= kJoinedCpuTarget))
       .print(out);
 
+  channels.clear();
   // Every client leaves before the server goes, so that none starts reconnecting.
   for (auto& kit : kits) kit->logoutWithCompletion(tally.logout());
   tally.await([&](const Tally::Counts& c) { return c.logouts - base.logouts >= clients; }, "logouts");
@@ -331,9 +350,11 @@ void runSessionBenchmarks(std::ostream& out) {
   if (settings.selected("session.login_latency")) runLoginLatency(out);
   const bool plain = settings.selected("session.idle_clients");
   const bool deflate = settings.selected("session.idle_clients_deflate");
-  if (!plain && !deflate) return;
+  const bool joined = settings.selected("session.joined_clients");
+  if (!plain && !deflate && !joined) return;
   const int clients = settings.count(kClients);
   raiseFileLimit(clients);
   if (plain) runIdleClients(out, "session.idle_clients", false, clients);
   if (deflate) runIdleClients(out, "session.idle_clients_deflate", true, clients);
+  if (joined) runIdleClients(out, "session.joined_clients", false, clients, true);
 }

@@ -1,5 +1,9 @@
-// A tour of the client against the local dev server: two users log in, the tavern server of the first
-// one goes away and the client moves to the next one by itself, then both log out.
+// A tour of the client against the local dev server: two users log in on different tavern servers,
+// meet in a channel, exchange text and binary messages, share channel attributes, count the members,
+// send each other a peer message; bob follows alice's online status and attributes and is told when
+// she changes them; then alice's tavern server goes away, her client moves to the next one by itself
+// and is back in the channel, with her attributes, without the demo doing anything (bob sees her go
+// offline and come back); then both log out, and bob sees alice go.
 //
 // The dev server (devserver/) stands in for the service: it answers server discovery with its tavern
 // servers and checks every login the way the service does. The demo starts and drives it through the
@@ -17,11 +21,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -121,6 +127,30 @@ std::string describeRequestCode(int code) {
   return "unknown code";
 }
 
+std::string describe(const qnbrl::QNBRLMessage& message) {
+  std::string text = "\"" + message.text.value_or("") + "\"";
+  if (const auto* raw = dynamic_cast<const qnbrl::QNBRLRawMessage*>(&message); raw && raw->rawData)
+    text += " with " + std::to_string(raw->rawData->size()) + " bytes of binary data";
+  return text;
+}
+
+// "{key=value, key deleted}"
+template <class Attribute>
+std::string describe(const std::vector<Attribute>& attributes) {
+  std::string text;
+  for (const auto& a : attributes) {
+    text += (text.empty() ? "" : ", ") + a.key;
+    if constexpr (std::is_same_v<Attribute, qnbrl::QNBRLAttributeWithState>) {
+      if (a.deleted) {
+        text += " deleted";
+        continue;
+      }
+    }
+    text += "=" + a.value;
+  }
+  return "{" + text + "}";
+}
+
 // ---- One user of the app ----
 
 // A completion code, waited for with a bound. Shared with the completion, so that a code arriving
@@ -162,6 +192,34 @@ class User {
       std::lock_guard lock(mutex_);
       changes_.emplace_back(state, reason);
       changed_.notify_all();
+    };
+    delegate_->messageReceived = [this](QNBRLKit&, const std::shared_ptr<qnbrl::QNBRLMessage>& message,
+                                        const std::string& peer) { hear("peer message from " + peer + ": " + describe(*message)); };
+    delegate_->peersOnlineStatusChanged = [this](QNBRLKit&, const std::vector<qnbrl::QNBRLPeerOnlineStatus>& statuses) {
+      for (const auto& s : statuses) hear(s.peerId + (s.isOnline ? " is online" : " is offline"));
+    };
+    delegate_->peersUserAttributesChanged = [this](QNBRLKit&, const std::vector<qnbrl::QNBRLUserAttributes>& users) {
+      for (const auto& u : users) hear(u.userId + "'s attributes changed: " + describe(u.attributes));
+    };
+    channelDelegate_->memberJoined = [this](qnbrl::QNBRLChannel& channel, const qnbrl::QNBRLMember& member) {
+      hear(channel.channelId() + ": " + member.userId + " joined");
+    };
+    channelDelegate_->memberLeftReason = [this](qnbrl::QNBRLChannel& channel, const qnbrl::QNBRLMember& member,
+                                                qnbrl::QNBRLChannelMemberLeftReason reason) {
+      hear(channel.channelId() + ": " + member.userId +
+           (reason == qnbrl::QNBRLChannelMemberLeftDisconnect ? " lost the connection and left" : " left"));
+    };
+    channelDelegate_->messageReceived = [this](qnbrl::QNBRLChannel& channel,
+                                               const std::shared_ptr<qnbrl::QNBRLMessage>& message,
+                                               const qnbrl::QNBRLMember& member) {
+      hear(channel.channelId() + ": " + member.userId + " says " + describe(*message));
+    };
+    channelDelegate_->attributeUpdate = [this](qnbrl::QNBRLChannel& channel,
+                                               const std::vector<qnbrl::QNBRLAttribute>& attributes) {
+      hear(channel.channelId() + ": attributes are now " + describe(attributes));
+    };
+    channelDelegate_->memberCount = [this](qnbrl::QNBRLChannel& channel, std::int32_t count) {
+      hear(channel.channelId() + ": " + std::to_string(count) + " members");
     };
   }
   User(const User&) = delete;
@@ -222,10 +280,44 @@ class User {
   }
 
   // Clients go before the dev server, so that none is left talking to a server that has gone.
-  void dropClient() { kit_.reset(); }
+  void dropClient() {
+    channel_.reset();
+    kit_.reset();
+  }
+
+  QNBRLKit& kit() { return *kit_; }
+  qnbrl::QNBRLChannel& channel() { return *channel_; }
+
+  // Runs one request and waits for its completion; true when it completed with 0.
+  bool request(const std::string& what, const std::function<void(QNBRLKit::Completion)>& call) {
+    auto outcome = std::make_shared<Outcome>();
+    call(report(what, describeRequestCode, outcome));
+    return succeeded(what, outcome->await());
+  }
+
+  bool join(const std::string& channelId) {
+    channel_ = kit_->createChannelWithId(channelId, channelDelegate_);
+    if (!channel_) return fail("the channel id " + channelId + " was refused");
+    return request("join " + channelId, [&](QNBRLKit::Completion done) { channel_->joinWithCompletion(done); });
+  }
+
+  // Waits until one of the user's delegates has heard exactly `line`, `times` times in all.
+  bool awaitHeard(const std::string& line, long times = 1) {
+    std::unique_lock lock(mutex_);
+    if (changed_.wait_for(lock, kWaitLimit, [&] { return std::count(heard_.begin(), heard_.end(), line) >= times; }))
+      return true;
+    return fail(name_ + " did not hear \"" + line + "\" within " + std::to_string(kWaitLimit.count()) + " s");
+  }
 
  private:
   std::string tag() const { return "[" + name_ + "] "; }
+
+  void hear(const std::string& line) {
+    say(tag() + line);
+    std::lock_guard lock(mutex_);
+    heard_.push_back(line);
+    changed_.notify_all();
+  }
 
   std::size_t countLocked(Change change) const {
     return static_cast<std::size_t>(std::count(changes_.begin(), changes_.end(), change));
@@ -260,8 +352,11 @@ class User {
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<Change> changes_;
-  // Last: the client, and with it every callback into this object, goes first.
+  std::vector<std::string> heard_;  // what the delegates were told, as printed
+  std::shared_ptr<qnbrl::QNBRLChannelDelegate> channelDelegate_ = std::make_shared<qnbrl::QNBRLChannelDelegate>();
+  // Last: the client and its channel, and with them every callback into this object, go first.
   std::shared_ptr<QNBRLKit> kit_;
+  std::shared_ptr<qnbrl::QNBRLChannel> channel_;
 };
 
 // ---- The steps ----
@@ -293,12 +388,124 @@ class Demo {
     return true;
   }
 
+  // Each user starts on a different tavern server: discovery lists the servers to each in another
+  // order, and a client tries them in the order given. The service's model is shared by all of them.
   bool logIn() {
-    for (auto& user : users_) {
-      if (!user->logIn()) return false;
-      say(user->name() + " is on " + where(*user));
+    for (std::size_t i = 0; i < users_.size(); ++i) {
+      auto urls = server_->tavernUrls();
+      std::rotate(urls.begin(), urls.begin() + static_cast<std::ptrdiff_t>(i % urls.size()), urls.end());
+      if (!server_->scriptDiscovery(devserver::DiscoveryAnswer().servers(urls).times(1)))
+        return fail("the dev server did not take the discovery script");
+      if (!users_[i]->logIn()) return false;
+      say(users_[i]->name() + " is on " + where(*users_[i]));
     }
     return true;
+  }
+
+  bool joinChannel() {
+    for (auto& user : users_) {
+      if (!user->join(kChannel)) return false;
+    }
+    return alice().awaitHeard(std::string(kChannel) + ": bob joined");
+  }
+
+  bool exchangeMessages() {
+    auto text = std::make_shared<qnbrl::QNBRLMessage>("hello alice");
+    if (!bob().request("send a text message", [&](auto done) { bob().channel().sendMessage(text, std::nullopt, done); }))
+      return false;
+    if (!alice().awaitHeard(std::string(kChannel) + ": bob says \"hello alice\"")) return false;
+    auto picture = std::make_shared<qnbrl::QNBRLRawMessage>(
+        std::make_shared<const qnbrl::QNBRLBytes>(qnbrl::QNBRLBytes{0x89, 'P', 'N', 'G', 0, 1, 2, 3}));
+    picture->text = "a tiny picture";
+    if (!alice().request("send a binary message", [&](auto done) { alice().channel().sendMessage(picture, std::nullopt, done); }))
+      return false;
+    return bob().awaitHeard(std::string(kChannel) + ": alice says \"a tiny picture\" with 8 bytes of binary data");
+  }
+
+  bool channelAttributes() {
+    qnbrl::QNBRLChannelAttributeOptions notify{.enableNotificationToChannelMembers = true};
+    if (!alice().request("set the channel's attributes, telling the members", [&](auto done) {
+          alice().kit().setChannel(kChannel, {{"topic", "weekly sync"}, {"host", "alice"}}, notify, done);
+        }))
+      return false;
+    for (User* user : {&alice(), &bob()}) {
+      if (!user->awaitHeard(std::string(kChannel) + ": attributes are now {topic=weekly sync, host=alice}")) return false;
+    }
+    return true;
+  }
+
+  bool membersAndCounts() {
+    std::optional<std::vector<qnbrl::QNChannelMemberCount>> counts;
+    if (!bob().request("count the members of " + std::string(kChannel) + " and of an empty channel", [&](auto done) {
+          bob().kit().getChannelMemberCount({kChannel, "empty-room"}, [&counts, done](auto answer, int code) {
+            counts = std::move(answer);
+            done(code);
+          });
+        }))
+      return false;
+    for (const auto& c : counts.value_or(std::vector<qnbrl::QNChannelMemberCount>{}))
+      say("  " + c.channelId + ": " + std::to_string(c.count) + " members");
+    std::optional<std::vector<qnbrl::QNBRLMember>> members;
+    if (!alice().request("list the members", [&](auto done) {
+          alice().channel().getMembersWithCompletion([&members, done](auto answer, int code) {
+            members = std::move(answer);
+            done(code);
+          });
+        }))
+      return false;
+    std::string names;
+    for (const auto& m : members.value_or(std::vector<qnbrl::QNBRLMember>{})) names += " " + m.userId;
+    say("  members of " + std::string(kChannel) + ":" + names);
+    return members && members->size() == 2;
+  }
+
+  bool peerMessage() {
+    auto note = std::make_shared<qnbrl::QNBRLMessage>("see you in the lobby");
+    if (!bob().request("send alice a peer message", [&](auto done) { bob().kit().sendMessage(note, "alice", std::nullopt, done); }))
+      return false;
+    return alice().awaitHeard("peer message from bob: \"see you in the lobby\"");
+  }
+
+  // A subscription to online status is answered with the peer's current status.
+  bool followAlice() {
+    if (!bob().request("subscribe to alice's online status",
+                       [&](auto done) { bob().kit().subscribePeersOnlineStatus({"alice"}, done); }) ||
+        !bob().request("subscribe to alice's attributes",
+                       [&](auto done) { bob().kit().subscribePeersUserAttribes({"alice"}, done); }))
+      return false;
+    return bob().awaitHeard("alice is online");
+  }
+
+  bool userAttributes() {
+    if (!alice().request("set her attributes", [&](auto done) {
+          alice().kit().setLocalUserAttributes({{"status", "in a meeting"}, {"mood", "busy"}}, done);
+        }))
+      return false;
+    if (!bob().awaitHeard("alice's attributes changed: {status=in a meeting, mood=busy}")) return false;
+    if (!alice().request("delete her mood", [&](auto done) { alice().kit().deleteLocalUserAttributesByKeys({"mood"}, done); }))
+      return false;
+    return bob().awaitHeard("alice's attributes changed: {mood deleted}");
+  }
+
+  // After the failover alice's client has joined the channel again by itself.
+  bool backInTheChannel() {
+    say("alice's channel object says joined = " + std::string(alice().channel().joined() ? "true" : "false") +
+        "; the demo does not join again");
+    auto text = std::make_shared<qnbrl::QNBRLMessage>("welcome back");
+    if (!bob().request("send a text message", [&](auto done) { bob().channel().sendMessage(text, std::nullopt, done); }))
+      return false;
+    if (!alice().awaitHeard(std::string(kChannel) + ": bob says \"welcome back\"")) return false;
+    // Her attributes were set again by her client after the reconnection.
+    std::optional<std::vector<qnbrl::QNBRLAttribute>> attributes;
+    if (!bob().request("read alice's attributes", [&](auto done) {
+          bob().kit().getUserAttributes("alice", [&attributes, done](auto answer, const std::string&, int code) {
+            attributes = std::move(answer);
+            done(code);
+          });
+        }))
+      return false;
+    say("  alice's attributes: " + describe(attributes.value_or(std::vector<qnbrl::QNBRLAttribute>{})));
+    return attributes == std::vector<qnbrl::QNBRLAttribute>{{"status", "in a meeting"}};
   }
 
   // Stops the first user's tavern server: everyone on it loses the connection, and each client pauses
@@ -325,14 +532,12 @@ class Demo {
       say(user->name() + " is back after " + seconds + " s, now on " + where(*user));
       if (tavernIndex(*user) == stopped) return fail(user->name() + " is still on the stopped server");
     }
-    return true;
+    // bob, on another server, saw alice go and come back.
+    return bob().awaitHeard("alice is offline") && bob().awaitHeard("alice is online", 2);
   }
 
   bool logOut() {
-    for (auto& user : users_) {
-      if (!user->logOut()) return false;
-    }
-    return true;
+    return alice().logOut() && bob().awaitHeard("alice is offline", 2) && bob().logOut();
   }
 
   bool stopServer() {
@@ -368,6 +573,10 @@ class Demo {
     return text + (users.size() == 1 ? " is" : " are");
   }
 
+  static constexpr const char* kChannel = "lobby";
+  User& alice() { return *users_.at(0); }
+  User& bob() { return *users_.at(1); }
+
   std::unique_ptr<devserver::DevServer> server_;
   std::vector<std::unique_ptr<User>> users_;  // after the server, so that they go first
 };
@@ -380,8 +589,17 @@ int main() {
       {"Start the dev server", &Demo::startServer},
       {"Create a client for alice and one for bob", &Demo::createClients},
       {"Log both in", &Demo::logIn},
-      {"Take alice's tavern server down: the client fails over and reconnects", &Demo::failOver},
-      {"Log both out", &Demo::logOut},
+      {"Both join the channel \"lobby\"", &Demo::joinChannel},
+      {"Exchange a text and a binary message in the channel", &Demo::exchangeMessages},
+      {"Set channel attributes, telling the members", &Demo::channelAttributes},
+      {"Count the members and list them", &Demo::membersAndCounts},
+      {"bob sends alice a peer message", &Demo::peerMessage},
+      {"bob follows alice's online status and attributes", &Demo::followAlice},
+      {"alice sets her attributes, then deletes one: bob is told each time", &Demo::userAttributes},
+      {"Take alice's tavern server down: her client fails over, bob sees her go and come back",
+       &Demo::failOver},
+      {"alice is back in the channel with her attributes, restored by her client", &Demo::backInTheChannel},
+      {"Log both out: bob sees alice go offline first", &Demo::logOut},
       {"Stop the dev server", &Demo::stopServer},
   };
   int number = 0;

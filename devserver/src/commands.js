@@ -1,7 +1,10 @@
 'use strict';
-// Answers the "command" requests of every tavern server: by default [{"result":0}], or as scripted per
-// command name ("*" scripts every name without a script of its own). Every request is recorded.
+// Answers the "command" requests of every tavern server. In this order: over the rate limit,
+// ["Too Many Requests"]; a script for the command name ("*" scripts every name without a script of its
+// own), which leaves the service model untouched; the service model, for connections whose login was
+// accepted and commands it knows; else [{"result":0}]. Every request is recorded.
 const { Script } = require('./script');
+const { RateLimit } = require('./ratelimit');
 const binary = require('./binary');
 
 const defaultAck = () => [{ result: 0 }];
@@ -22,8 +25,11 @@ function ruleFrom(req) {
 }
 
 class Commands {
-  constructor({ record }) {
+  // model: the service model (model.js); rateLimit: commands per second per connection, 0 for none.
+  constructor({ record, rateLimit }, model) {
     this.record = record;
+    this.model = model;
+    this.rateLimit = new RateLimit(rateLimit);
     this.scripts = new Map();
     this.received = [];
     this.timers = new Set();
@@ -52,22 +58,35 @@ class Commands {
     return (any && any.next()) || null;
   }
 
-  // origin: {server, socket}; ack: the Socket.IO acknowledgement function, or undefined when none was asked.
-  handle(origin, name, payload, ack) {
+  // origin: {server, socket}; ack: the Socket.IO acknowledgement function, or undefined when none was
+  // asked; socket: the Socket.IO socket the request came on.
+  handle(origin, name, payload, ack, socket) {
     if (this.record) {
       this.received.push({ ...origin, name, payload: binary.encode(payload), ack: Boolean(ack), at: Date.now() });
     }
-    if (!ack) return;
-    const rule = typeof name === 'string' ? this.ruleFor(name) : null;
-    if (rule && rule.noAnswer) return;
-    const args = rule ? rule.ack : defaultAck();
-    if (!rule || rule.delayMs === 0) {
-      ack(...args);
+    if (this.rateLimit.refuses(socket)) {
+      if (ack) ack('Too Many Requests');
+      return;
+    }
+    const rule = ack && typeof name === 'string' ? this.ruleFor(name) : null;
+    if (rule) {
+      this.answer(rule, ack);
+      return;
+    }
+    const reply = this.model ? this.model.handle(socket, name, payload) : null;
+    if (ack) ack(...(reply ? [reply.answer] : defaultAck()));
+    if (reply) reply.deliver();
+  }
+
+  answer(rule, ack) {
+    if (rule.noAnswer) return;
+    if (rule.delayMs === 0) {
+      ack(...rule.ack);
       return;
     }
     const timer = setTimeout(() => {
       this.timers.delete(timer);
-      ack(...args);
+      ack(...rule.ack);
     }, rule.delayMs);
     this.timers.add(timer);
   }

@@ -4,6 +4,8 @@
 // stops) may come after later ones; the id pairs them. Bad input gets an error reply, never a crash.
 const readline = require('node:readline');
 const log = require('./log');
+const binary = require('./binary');
+const { checkRunTime } = require('./options');
 
 function write(obj) {
   process.stdout.write(`${JSON.stringify(obj)}\n`);
@@ -14,8 +16,19 @@ function optionalBool(v, name) {
   return Boolean(v);
 }
 
-// world: {taverns, commands, sessions, discovery, collection, http, describe()}.
+// world: {taverns, commands, sessions, model, options (the start-up ones), discovery, collection, http,
+// describe()}.
 function handlers(world) {
+  // The options that change at run time, as they are now.
+  const runTime = () => ({
+    memberGraceMs: world.model.options.memberGraceMs,
+    rateLimit: world.commands.rateLimit.perSecond,
+  });
+  const setRunTime = ({ memberGraceMs, rateLimit }) => {
+    checkRunTime({ memberGraceMs, rateLimit });
+    if (memberGraceMs !== undefined) world.model.options.memberGraceMs = memberGraceMs;
+    if (rateLimit !== undefined) world.commands.rateLimit.set(rateLimit);
+  };
   const tavern = (req) => {
     const id = req.server === undefined ? 0 : req.server;
     const t = Number.isInteger(id) ? world.taverns[id] : undefined;
@@ -70,7 +83,15 @@ function handlers(world) {
       const mode = req.mode === undefined ? 'connected' : req.mode;
       tavern(req).setSilent(mode);
     },
-    burst: (req) => running(req).burst(req.socket, req.event, req.count, req.size),
+    burst: (req) => running(req).burst(req.socket, req.event, req.count, req.size, req.args, optionalBool(req.cycle, 'cycle')),
+    model: (req) => {
+      if (req.app !== undefined && typeof req.app !== 'string') throw new Error('app must be a string');
+      return binary.encode(world.model.snapshot(req.app));
+    },
+    options: (req) => {
+      setRunTime(req);
+      return runTime();
+    },
     scriptDiscovery: (req) => world.discovery.setScript(req),
     scriptCollection: (req) => world.collection.setScript(req),
     requests: (req) => {
@@ -99,6 +120,8 @@ function handlers(world) {
       world.collection.reset();
       world.http.clearRecords();
       for (const t of world.taverns) t.reset();
+      world.model.reset();
+      setRunTime(world.options);
       await Promise.all(world.taverns.map((t) => t.start()));
     },
   };

@@ -9,6 +9,7 @@ const log = require('./log');
 const tls = require('./tls');
 const { Commands } = require('./commands');
 const { Sessions } = require('./session');
+const { Model } = require('./model');
 const { TavernServer } = require('./tavern');
 const { Discovery } = require('./discovery');
 const { Collection } = require('./collection');
@@ -27,8 +28,10 @@ async function main() {
   }
   log.setVerbose(opts.verbose);
   const credentials = tls.credentials(opts.cert);
-  const commands = new Commands(opts);
-  const sessions = new Sessions(opts);
+  // The service model's options change at run time (control "options"); opts keeps the start-up values.
+  const model = new Model({ memberGraceMs: opts.memberGraceMs });
+  const commands = new Commands(opts, model);
+  const sessions = new Sessions(opts, model);
 
   // Ids are positions in one list: ws servers, then wss servers, then the silent server.
   const taverns = [];
@@ -62,7 +65,7 @@ async function main() {
   });
   process.stdout.write(`${JSON.stringify({ ready: true, ...describe() })}\n`);
 
-  serveControl({ taverns, commands, sessions, discovery, collection, http, describe }, () => {
+  serveControl({ taverns, commands, sessions, model, options: opts, discovery, collection, http, describe }, () => {
     log.debug('control input closed, exiting');
     process.exit(0);
   });

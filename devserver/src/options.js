@@ -12,6 +12,8 @@ const defaults = {
   maxHttpBufferSize: 1000000, // bytes, also the open packet's maxPayload
   cert: 'trusted', // 'trusted' | 'untrusted' | 'wronghost': certificate of every TLS listener
   session: false, // check the login of every tavern connection, answer loginSuccess or refuse
+  memberGraceMs: 30000, // how long a channel member whose connections are gone stays a member
+  rateLimit: 0, // commands per second per connection answered normally; 0: no limit
   record: true, // keep events, commands and HTTP requests for the control interface
   verbose: false, // log connections and events to stderr
 };
@@ -22,11 +24,21 @@ function check(opts) {
   if (!count(opts.tavern) || !count(opts.tavernTls)) throw new Error('tavern counts must be integers 0..64');
   if (!ms(opts.pingInterval) || !ms(opts.pingTimeout)) throw new Error('ping times must be positive integers (ms)');
   if (!ms(opts.maxHttpBufferSize)) throw new Error('maxHttpBufferSize must be a positive integer');
+  checkRunTime(opts);
   if (!certificates.includes(opts.cert)) throw new Error(`cert must be one of ${certificates.join(', ')}`);
   for (const k of ['perMessageDeflate', 'session', 'record', 'verbose']) {
     if (typeof opts[k] !== 'boolean') throw new Error(`${k} must be a boolean`);
   }
   return opts;
+}
+
+// The options the control interface may also change while the server runs.
+function checkRunTime({ memberGraceMs, rateLimit }) {
+  const nonNegative = (n) => Number.isInteger(n) && n >= 0;
+  if (memberGraceMs !== undefined && !nonNegative(memberGraceMs)) {
+    throw new Error('memberGraceMs must be an integer >= 0');
+  }
+  if (rateLimit !== undefined && !nonNegative(rateLimit)) throw new Error('rateLimit must be an integer >= 0');
 }
 
 function fromFlags(argv) {
@@ -56,4 +68,4 @@ function parse(argv) {
   return check({ ...defaults, ...given });
 }
 
-module.exports = { parse, defaults };
+module.exports = { parse, defaults, checkRunTime };

@@ -3,7 +3,8 @@
 // app id, "token" = {"token","userId","timestamp","connectTimeStamp"} as JSON text. An accepted login is
 // answered with "loginSuccess" [{"userId"}] after every older connection of the same room and user, on
 // any tavern server, has been kicked off; a refused one with "disconnectReason" [text] and a server-side
-// disconnect. Scripts can refuse, delay or ignore logins; every decision is recorded.
+// disconnect. Scripts can refuse, delay or ignore logins; every decision is recorded. The service model
+// learns of every accepted connection, of its end, and of the "loginSuccess" sent on it.
 
 // Validates the handshake query; the credentials it carries, plus the refusal text when it is not valid.
 function credentialsOf(query) {
@@ -56,9 +57,10 @@ function refuse(socket, text) {
 }
 
 class Sessions {
-  constructor({ session, record }) {
+  constructor({ session, record }, model) {
     this.enabled = session;
     this.record = record;
+    this.model = model;
     this.scripts = [];
     this.logins = [];
     // "roomId\nuserId" -> Set of live accepted sockets.
@@ -114,6 +116,8 @@ class Sessions {
   accept(server, socket, login) {
     const key = `${login.roomId}\n${login.userId}`;
     const peers = this.accepted.get(key) || new Set();
+    // Live in the model before the old connections go, so the user never looks offline in between.
+    if (this.model) this.model.connected(server, socket, login);
     for (const old of peers) refuse(old, 'KickOff');
     peers.clear();
     peers.add(socket);
@@ -121,9 +125,11 @@ class Sessions {
     socket.on('disconnect', () => {
       peers.delete(socket);
       if (peers.size === 0 && this.accepted.get(key) === peers) this.accepted.delete(key);
+      if (this.model) this.model.disconnected(socket);
     });
     this.note(server, socket, login, 'loginSuccess');
     socket.emit('loginSuccess', { userId: login.userId });
+    if (this.model) this.model.loggedIn(socket);
   }
 }
 

@@ -186,7 +186,7 @@ class TavernServer {
     }
     socket.on('command', (...rest) => {
       const { args, ack } = withoutAck(rest);
-      this.commands.handle({ server: this.id, socket: socket.id }, args[0], args[1], ack);
+      this.commands.handle({ server: this.id, socket: socket.id }, args[0], args[1], ack, socket);
     });
     socket.on('echo', (...rest) => {
       const { args, ack } = withoutAck(rest);
@@ -327,17 +327,21 @@ class TavernServer {
 
   // Emits `count` events of `size` characters each to one connection as fast as the event loop allows,
   // yielding between chunks so the sends make progress; resolves when every emit is handed over.
-  async burst(socketId, event, count, size) {
+  // args: the event's argument list (binary values as in push); without it, one string of `size` bytes.
+  // With `cycle`, args is a list of argument lists that the events carry in turn.
+  async burst(socketId, event, count, size, args, cycle) {
     if (socketId === undefined || socketId === null) throw new Error('burst needs a socket');
     if (typeof event !== 'string') throw new Error('event must be a string');
     if (!Number.isInteger(count) || count < 0 || !Number.isInteger(size) || size < 0) {
       throw new Error('count and size must be non-negative integers');
     }
+    if (args !== undefined && !Array.isArray(args)) throw new Error('args must be an array');
     const [socket] = this.targets(socketId);
-    const payload = 'x'.repeat(size);
+    const payloads = args === undefined ? [['x'.repeat(size)]] : cycle ? binary.decode(args) : [binary.decode(args)];
+    if (payloads.length === 0 || !payloads.every(Array.isArray)) throw new Error('cycle needs argument lists');
     const started = process.hrtime.bigint();
     for (let i = 0; i < count; ) {
-      for (const end = Math.min(count, i + 1000); i < end; ++i) socket.emit(event, payload);
+      for (const end = Math.min(count, i + 1000); i < end; ++i) socket.emit(event, ...payloads[i % payloads.length]);
       if (i < count) await new Promise((resolve) => setImmediate(resolve));
     }
     return { sent: count, ms: Number(process.hrtime.bigint() - started) / 1e6 };

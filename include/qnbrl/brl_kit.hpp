@@ -2,14 +2,25 @@
 // The one object an application creates to use the signalling service. Every operation may be called
 // from any thread; none throws. Completions and delegate callbacks never run under a library lock, so
 // they may call back into the client, destroy it included.
+//
+// Requests: a local refusal (102 when not logged in, then the operation's own checks) completes at
+// once on the calling thread and sends nothing; every other outcome completes on the library's main
+// queue, exactly once, even when the application released the client in between.
+#include "qnbrl/brl_attribute.hpp"
+#include "qnbrl/brl_channel.hpp"
+#include "qnbrl/brl_channel_types.hpp"
 #include "qnbrl/brl_delegate.hpp"
+#include "qnbrl/brl_message.hpp"
 #include "qnbrl/brl_options.hpp"
+#include "qnbrl/brl_peer_types.hpp"
 #include "qnbrl/brl_types.hpp"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace qnbrl {
 
@@ -53,6 +64,99 @@ class QNBRLKit {
   // New credentials for the next connection: 0, 2 for a token that is not 32 non-space characters,
   // 102 when not logged in. Called on the calling thread.
   void renewToken(const std::string& token, std::int64_t timeStamp, TokenCompletion completion);
+
+  // Channels. The same id gives the same object; the delegate (held weakly) replaces the earlier one.
+  // Null for an id that fails the ID pattern (1 to 64 ASCII letters, digits, white space or
+  // !#$%&()+-:;<=.>?@[\]^_{}|~,).
+  std::shared_ptr<QNBRLChannel> createChannelWithId(const std::string& channelId,
+                                                    std::weak_ptr<QNBRLChannelDelegate> delegate);
+  // Forgets the channel object; it does not leave the channel. False when unknown or invalid.
+  bool destroyChannelWithId(const std::string& channelId);
+  // Member counts of up to 32 channels, in the server's order. Codes: QNBRLChannelMemberCountErrorCode.
+  using MemberCountCompletion = std::function<void(std::optional<std::vector<QNChannelMemberCount>> counts, int code)>;
+  void getChannelMemberCount(const std::vector<std::string>& channelIds, MemberCountCompletion completion);
+
+  // Channel attributes; no join needed. An absent options object notifies nobody. Codes:
+  // QNBRLChannelAttributeErrorCode (3 for an empty list or an invalid channel id).
+  using Options = std::optional<QNBRLChannelAttributeOptions>;
+  using AttributesCompletion = std::function<void(std::optional<std::vector<QNBRLAttribute>> attributes, int code)>;
+  // Replaces the whole map; a later duplicate key wins.
+  void setChannel(const std::string& channelId, const std::vector<QNBRLAttribute>& attributes, const Options& options,
+                  Completion completion);
+  // Merges into the map.
+  void addOrUpdateChannel(const std::string& channelId, const std::vector<QNBRLAttribute>& attributes,
+                          const Options& options, Completion completion);
+  void deleteChannelAttributes(const std::string& channelId, const std::vector<std::string>& keys,
+                               const Options& options, Completion completion);
+  void clearChannelAttributes(const std::string& channelId, const Options& options, Completion completion);
+  // The whole map, in the server's order.
+  void getChannelAttributes(const std::string& channelId, AttributesCompletion completion);
+  // The named keys that exist.
+  void getChannelAttributes(const std::string& channelId, const std::vector<std::string>& keys,
+                            AttributesCompletion completion);
+
+  // A message to one user; the peer id is not checked. With enableOfflineMessaging the server keeps it
+  // for an offline peer. A body over QNBRLMessageMaxBytes is told with 7 at once and still sent, so
+  // the completion then runs again with the outcome. Codes: QNBRLPeerMessageErrorCode.
+  void sendMessage(const std::shared_ptr<QNBRLMessage>& message, const std::string& peerId,
+                   const std::optional<QNBRLSendMessageOptions>& options, Completion completion);
+
+
+  /// @name The local user's attributes
+  /// Writes change the server's copy, and the client's cache of it once the server confirms; after a
+  /// reconnection the client sets the whole cache again by itself. Codes: QNBRLUserAttributeErrorCode
+  /// (3 for an empty list). Completions of a write get the code only.
+  /// @{
+  using UserAttributesCompletion =
+      std::function<void(std::optional<std::vector<QNBRLAttribute>> attributes, const std::string& userId, int code)>;
+  /// Replaces all the local user's attributes; a later duplicate key wins.
+  void setLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes, Completion completion);
+  /// Merges into the local user's attributes.
+  void addOrUpdateLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes, Completion completion);
+  /// Removes the named keys; unknown keys are ignored.
+  void deleteLocalUserAttributesByKeys(const std::vector<std::string>& keys, Completion completion);
+  /// Removes all the local user's attributes; waits up to 10 seconds for the server.
+  void clearLocalUserAttributesWithCompletion(Completion completion);
+  /// Any user's attributes, in the server's order; the completion gets the user id asked for, also on
+  /// failure (3 for an id failing the ID pattern).
+  void getUserAttributes(const std::string& userId, UserAttributesCompletion completion);
+  /// The named keys that exist (3 for an empty key list).
+  void getUserAttributes(const std::string& userId, const std::vector<std::string>& keys,
+                         UserAttributesCompletion completion);
+  /// @}
+
+  /// @name Peers' online status
+  /// While subscribed, QNBRLDelegate::peersOnlineStatusChanged reports each change; subscriptions are
+  /// made again by the client after a reconnection. Codes: QNBRLPeerOnlineStatusErrorCode (2 for an
+  /// empty list or an id failing the ID pattern). No limit on the number of ids.
+  /// @{
+  using OnlineStatusCompletion =
+      std::function<void(std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses, int code)>;
+  using PeerIdsCompletion = std::function<void(std::optional<std::vector<std::string>> peerIds, int code)>;
+  void subscribePeersOnlineStatus(const std::vector<std::string>& peerIds, Completion completion);
+  /// A peer unsubscribed and later reported again counts as a change again.
+  void unsubscribePeersOnlineStatus(const std::vector<std::string>& peerIds, Completion completion);
+  /// A one-off reading, subscribed or not.
+  void queryPeersOnlineStatus(const std::vector<std::string>& peerIds, OnlineStatusCompletion completion);
+  /// The peers the server holds a subscription to under `option`, whose meaning is the server's (the
+  /// dev server's README lists its values). Only the login is checked.
+  void queryPeersBySubscriptionOption(std::int64_t option, PeerIdsCompletion completion);
+  /// @}
+
+  /// @name Peers' attributes
+  /// While subscribed, QNBRLDelegate::peersUserAttributesChanged reports each change; subscriptions are
+  /// made again by the client after a reconnection. Codes: QNBRLPeerAttributeErrorCode (2 for an empty
+  /// list, an empty key list or an id failing the ID pattern).
+  /// @{
+  using PeersAttributesCompletion = std::function<void(std::optional<std::vector<QNBRLUserAttributes>> users, int code)>;
+  void subscribePeersUserAttribes(const std::vector<std::string>& peerIds, Completion completion);
+  void unsubscribePeersUserAttribes(const std::vector<std::string>& peerIds, Completion completion);
+  /// Every peer's attributes in one request. A peer the server reports a failure for is listed with no
+  /// attributes; a peer the server leaves out is not listed.
+  void getPeersUserAttributes(const std::vector<std::string>& peerIds, PeersAttributesCompletion completion);
+  void getPeersUserAttributes(const std::vector<std::string>& peerIds, const std::vector<std::string>& keys,
+                              PeersAttributesCompletion completion);
+  /// @}
 
   struct Impl;
 

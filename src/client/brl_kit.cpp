@@ -9,20 +9,19 @@
 
 namespace qnbrl {
 
-void noteThrowingCallback() {
-  QNLog::shared().error("an application callback threw; ignored");
-}
-
-bool isValidId(std::string_view id) {
-  return match(id, R"(^[a-zA-Z0-9!#$%&()+\-:;<=.>?@\[\\\]^_{}|~,\s]{1,64}$)");
-}
-
 QNBRLKit::Impl::Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer)
     : delegate(std::move(delegate)),
       stateManager(std::make_shared<QNBRLStateManager>(appId)),
       queue(SerialQueue::create("com.qn.brl.kit")),
       apiServer(std::move(apiServer)),
-      socketManager(QNSocketManager::create()) {}
+      socketManager(QNSocketManager::create()),
+      requests(std::make_shared<RequestPath>(stateManager, socketManager)),
+      channels(std::make_shared<QNBRLChannelRegistry>(requests)),
+      channelAttributes(requests),
+      peerMessages(requests),
+      userAttributes(std::make_shared<QNUserAttributes>(requests)),
+      presence(std::make_shared<QNPresence>(requests)),
+      peerAttributes(std::make_shared<QNPeerAttributes>(requests)) {}
 
 void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
                                  QNBRLConnectionChangeReason reason, bool telemetry) {
@@ -33,6 +32,8 @@ void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
 void QNBRLKit::Impl::release() {
   released.store(true);
   queue->cancelPending();
+  // The application's channel objects outlive the client: their heartbeats stop with it.
+  channels->logout();
   // On the main queue, where every other use of the socket manager runs; never waited for here.
   MainQueue::async([socketManager = socketManager] { socketManager->destroy(); });
 }

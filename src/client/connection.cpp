@@ -186,6 +186,13 @@ void QNBRLKit::Impl::onDisconnect(QNBRLKit& kit, const sio::Payload& data) {
   }
 }
 
+void QNBRLKit::Impl::restoreStateAfterReconnection() {
+  channels->restoreJoinedChannels();
+  userAttributes->restoreLocalUserAttributes(userAttributes->cache().brlAttributes());
+  presence->restoreSubscribedOnlineStatusOfPeers(presence->subscribedOnlineStatusPeerIds());
+  peerAttributes->restoreSubscribedAttributesOfPeers(peerAttributes->subscribedAttributesPeerIds());
+}
+
 void QNBRLKit::Impl::onLoginSuccess(QNBRLKit& kit, const sio::Payload& data) {
   QNLog::shared().info("loginSuccess, params = %@", data.args);
   stateManager->setState(3);
@@ -193,10 +200,8 @@ void QNBRLKit::Impl::onLoginSuccess(QNBRLKit& kit, const sio::Payload& data) {
   bool reconnection = stateManager->login();
   // Before anyone is told, so that a callback that sends a request finds the session logged in.
   stateManager->setLogin(true);
-  if (reconnection) {
-    // The replays of the joined channels, the local attributes and the peer subscriptions, in that
-    // order, run here, before the delegate hears of the new connection.
-  }
+  // The replays run before the delegate hears of the new connection.
+  if (reconnection) restoreStateAfterReconnection();
   bool pending = false;
   {
     std::lock_guard lock(mutex);

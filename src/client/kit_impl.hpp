@@ -4,11 +4,19 @@
 // discovery and the reconnection pauses; public calls may come from any thread. The plain fields
 // below are guarded by `mutex`, which is never held while calling the socket layer or the
 // application.
+#include "channels/channel_attributes.hpp"
+#include "channels/channel_registry.hpp"
 #include "client/debug_info.hpp"
 #include "client/state_helper.hpp"
 #include "transport/state_manager.hpp"
 #include "qnbrl/brl_kit.hpp"
+#include "peers/peer_attributes.hpp"
+#include "peers/peer_messages.hpp"
+#include "peers/presence.hpp"
+#include "peers/user_attributes.hpp"
 #include "support/queues.hpp"
+#include "transport/callback.hpp"
+#include "transport/request.hpp"
 #include "transport/socket_manager.hpp"
 
 #include <boost/json/object.hpp>
@@ -53,6 +61,9 @@ struct QNBRLKit::Impl {
   void onDisconnectReason(QNBRLKit& kit, const sio::Payload& data);
   void onDisconnect(QNBRLKit& kit, const sio::Payload& data);
   void onLoginSuccess(QNBRLKit& kit, const sio::Payload& data);
+  // Re-creates on the server what this session had there: joined channels, the local user's
+  // attributes, both kinds of subscriptions.
+  void restoreStateAfterReconnection();
   void reconnect();
   void reconnectAfterPause(QNBRLKit& kit);
   void rebuildSocketManagerWithConfig(const boost::json::object& config, bool connect);
@@ -74,6 +85,14 @@ struct QNBRLKit::Impl {
   const std::shared_ptr<QNSocketManager> socketManager;
   std::shared_ptr<QNSocketManagerDelegate> socketDelegate;
   std::shared_ptr<QNSocketMessageDelegate> messageDelegate;
+  // The features, over the one request path.
+  const std::shared_ptr<const RequestPath> requests;
+  const std::shared_ptr<QNBRLChannelRegistry> channels;
+  const QNChannelAttributes channelAttributes;
+  const QNPeerMessages peerMessages;
+  const std::shared_ptr<QNUserAttributes> userAttributes;
+  const std::shared_ptr<QNPresence> presence;
+  const std::shared_ptr<QNPeerAttributes> peerAttributes;
 
   // Makes login's check-and-set of the connecting state one step for concurrent callers.
   std::mutex loginGate;
@@ -89,29 +108,10 @@ struct QNBRLKit::Impl {
   std::string serverReason;
 };
 
-void noteThrowingCallback();
-
-// Runs an application callback; one that throws is logged and otherwise ignored.
-template <class F, class... Args>
-void callApplication(const F& f, Args&&... args) {
-  if (!f) return;
-  try {
-    f(std::forward<Args>(args)...);
-  } catch (...) {
-    noteThrowingCallback();
-  }
-}
-
 template <class Member, class... Args>
 bool QNBRLKit::Impl::tell(Member QNBRLDelegate::*member, Args&&... args) {
   if (released.load()) return false;
-  auto listener = delegate.lock();
-  if (!listener || !((*listener).*member)) return false;
-  callApplication((*listener).*member, std::forward<Args>(args)...);
-  return true;
+  return tellDelegate(delegate, member, std::forward<Args>(args)...);
 }
-
-// 1 to 64 characters: ASCII letters, digits, white space and the listed punctuation.
-bool isValidId(std::string_view id);
 
 }  // namespace qnbrl

@@ -1,4 +1,5 @@
 #include "client/kit_impl.hpp"
+#include "transport/wire.hpp"
 #include "diagnostics/log.hpp"
 #include "diagnostics/logan_manager.hpp"
 #include "support/text.hpp"
@@ -132,6 +133,10 @@ void QNBRLKit::Impl::cleanResourcesAfterLogout() {
   stateManager->setLogin(false);
   stateManager->setUserId("");
   stateHelper.logout();
+  userAttributes->logout();
+  presence->logout();
+  peerAttributes->logout();
+  channels->logout();
   // Last: closing the socket reports (1, 6) to the delegate at once, and the application must then
   // find the session already forgotten (it may log in again from that callback).
   socketManager->destroy();

@@ -129,20 +129,24 @@ std::chrono::milliseconds QNSocketManager::commandTimeout(const std::string& nam
   return name == "clearLocalUserAttributes" ? kSlowCommandTimeout : kCommandTimeout;
 }
 
-void QNSocketManager::command(const std::string& name, boost::json::object payload,
-                              std::function<void(const QNBRLResult&)> completion,
+void QNSocketManager::command(const std::string& name, boost::json::object payload, AckHandler done,
                               std::vector<sio::BufferPtr> attachments) {
   auto socket = this->socket().lock();
-  if (!socket) return;
+  if (!socket) {
+    // Between connections a request is still answered exactly once, as the socket would.
+    MainQueue::after(commandTimeout(name), [done = std::move(done)] {
+      sio::Payload ack;
+      ack.args.emplace_back(sio::kNoAck);
+      done(ack);
+    });
+    return;
+  }
   sio::Payload args;
   args.args.reserve(2);
   args.args.emplace_back(name);
   args.args.emplace_back(std::move(payload));
   args.buffers = std::move(attachments);
-  socket->emitWithAck("command", std::move(args), commandTimeout(name),
-                      [completion = std::move(completion)](const sio::Payload& ack) {
-                        if (completion) completion(QNBRLResult::resultWithArray(ack.args));
-                      });
+  socket->emitWithAck("command", std::move(args), commandTimeout(name), std::move(done));
 }
 
 }  // namespace qnbrl

@@ -2,7 +2,7 @@
 // The one signalling connection of a client: created per tavern server URL, connected with a
 // time-out, and turning every server event into one call on the message delegate.
 #include "socketio/client.hpp"
-#include "transport/brl_result.hpp"
+#include "transport/request.hpp"
 
 #include <boost/json/object.hpp>
 
@@ -38,7 +38,7 @@ struct QNSocketMessageDelegate {
 
 // The client calls it on the main queue, where its socket's events run too. From another thread it
 // works, but the "disconnect" that destroy() causes then reaches nobody: the socket is gone first.
-class QNSocketManager : public std::enable_shared_from_this<QNSocketManager> {
+class QNSocketManager : public CommandSender, public std::enable_shared_from_this<QNSocketManager> {
  public:
   static constexpr std::chrono::seconds kConnectTimeout{6};
   static constexpr std::chrono::seconds kCommandTimeout{6};
@@ -64,11 +64,11 @@ class QNSocketManager : public std::enable_shared_from_this<QNSocketManager> {
   boost::json::object config() const;
 
   // The request convention: emits "command" with [name, payload] and waits 6 seconds for the
-  // acknowledgement (10 for "clearLocalUserAttributes"); the completion gets the decoded result, or
-  // a "NO ACK" one after the time-out. Without a socket nothing is sent and nothing is called.
-  // Binary values in the payload are placeholders indexing `attachments`.
-  void command(const std::string& name, boost::json::object payload,
-               std::function<void(const QNBRLResult&)> completion, std::vector<sio::BufferPtr> attachments = {});
+  // acknowledgement (10 for "clearLocalUserAttributes"); `done` gets the acknowledgement, or ["NO ACK"]
+  // after the time-out, also when there is no socket to send on. Binary values in the payload are
+  // placeholders indexing `attachments`.
+  void command(const std::string& name, boost::json::object payload, AckHandler done,
+               std::vector<sio::BufferPtr> attachments = {}) override;
   static std::chrono::milliseconds commandTimeout(const std::string& name);
 
  private:

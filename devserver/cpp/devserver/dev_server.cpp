@@ -190,6 +190,8 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
                : o.wrongHostCert ? "wronghost"
                                  : "trusted"},
       {"session", o.session},
+      {"memberGraceMs", o.memberGrace.count()},
+      {"rateLimit", o.rateLimit},
       {"record", o.record},
       {"verbose", o.verbose},
   };
@@ -339,17 +341,88 @@ bool DevServer::setSilent(int server, Silence mode) {
 }
 
 std::optional<double> DevServer::burst(int server, const std::string& socket, const std::string& event, int n,
-                                       int size) {
-  const auto reply = call({{"cmd", "burst"},
-                           {"server", server},
-                           {"socket", socket},
-                           {"event", event},
-                           {"count", n},
-                           {"size", size}},
-                          10min);
+                                       int size, std::optional<boost::json::array> args, bool cycle) {
+  boost::json::object request{{"cmd", "burst"}, {"server", server}, {"socket", socket},
+                              {"event", event}, {"count", n},       {"size", size}, {"cycle", cycle}};
+  if (args) request["args"] = std::move(*args);
+  const auto reply = call(std::move(request), 10min);
   const auto* ms = reply.if_contains("ms");
   if (!isOk(reply) || !ms || !ms->is_number()) return std::nullopt;
   return ms->to_number<double>();
+}
+
+namespace {
+
+std::vector<std::string> stringList(const json::value* v) {
+  std::vector<std::string> out;
+  if (v && v->is_array()) {
+    for (const auto& s : v->get_array()) {
+      if (s.is_string()) out.emplace_back(s.get_string());
+    }
+  }
+  return out;
+}
+
+std::map<std::string, std::string> stringMap(const json::object& o) {
+  std::map<std::string, std::string> out;
+  for (const auto& [k, v] : o) {
+    if (v.is_string()) out[std::string(k)] = v.get_string();
+  }
+  return out;
+}
+
+ChannelState channelFrom(const json::object& o) {
+  return {stringList(o.if_contains("members")), stringList(o.if_contains("away")),
+          stringMap(objectAt(o, "attributes"))};
+}
+
+UserState userFrom(const json::object& o) {
+  return {stringMap(objectAt(o, "attributes")), stringList(o.if_contains("onlineStatusSubscriptions")),
+          stringList(o.if_contains("attributeSubscriptions"))};
+}
+
+KeptMessage keptFrom(const json::object& o) {
+  KeptMessage m{str(o, "fromUserId"), integer(o, "serverReceivedTs"), std::nullopt, std::nullopt};
+  const auto content = objectAt(o, "content");
+  if (const auto* t = content.if_contains("text"); t && t->is_string()) m.text = std::string(t->get_string());
+  if (const auto* b = content.if_contains("binary")) m.binary = bytesFrom(*b);
+  return m;
+}
+
+}  // namespace
+
+std::map<std::string, AppState> DevServer::model(const std::string& app) {
+  json::object req{{"cmd", "model"}};
+  if (!app.empty()) req["app"] = app;
+  std::map<std::string, AppState> out;
+  for (const auto& [id, v] : objectAt(call(std::move(req)), "apps")) {
+    if (!v.is_object()) continue;
+    const auto& o = v.get_object();
+    AppState& a = out[std::string(id)];
+    a.online = stringList(o.if_contains("online"));
+    for (const auto& [channel, c] : objectAt(o, "channels")) {
+      if (c.is_object()) a.channels[std::string(channel)] = channelFrom(c.get_object());
+    }
+    for (const auto& [user, u] : objectAt(o, "users")) {
+      if (u.is_object()) a.users[std::string(user)] = userFrom(u.get_object());
+    }
+    for (const auto& [user, list] : objectAt(o, "offlineMessages")) {
+      if (!list.is_array()) continue;
+      auto& kept = a.offlineMessages[std::string(user)];
+      for (const auto& m : list.get_array()) {
+        if (m.is_object()) kept.push_back(keptFrom(m.get_object()));
+      }
+    }
+  }
+  return out;
+}
+
+bool DevServer::setRateLimit(int perSecond) {
+  return isOk(call({{"cmd", "options"}, {"rateLimit", perSecond}}));
+}
+
+bool DevServer::setMemberGrace(std::chrono::milliseconds grace) {
+  return isOk(call({{"cmd", "options"}, {"memberGraceMs", grace.count()}}));
 }
 
 bool DevServer::scriptDiscovery(const DiscoveryAnswer& answer) {

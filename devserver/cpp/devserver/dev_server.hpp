@@ -34,6 +34,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -69,6 +70,10 @@ struct DevServerOptions {
   bool verbose = false;                      // connection and event log on stderr
   std::string stderrPath;                    // empty: inherit this process's stderr
   std::chrono::milliseconds startTimeout{20000};
+  // The service model (for accepted logins): how long a channel member whose connections are all gone
+  // stays a member, and commands per second per connection before "Too Many Requests" (0: no limit).
+  std::chrono::milliseconds memberGrace{30000};
+  int rateLimit = 0;
   ErrorHook onError;
 };
 
@@ -183,6 +188,34 @@ class CollectionAnswer : public ScriptedAnswer<CollectionAnswer> {
   CollectionAnswer& stall() { return set("stall", true); }  // never answer
 };
 
+// The service model's state of one app (a login's roomId), as the control command "model" gives it.
+struct ChannelState {
+  std::vector<std::string> members;  // user ids, in joining order
+  std::vector<std::string> away;     // members whose connections are gone, within the grace period
+  std::map<std::string, std::string> attributes;
+};
+
+struct KeptMessage {  // a peer message kept for an offline target
+  std::string fromUserId;
+  std::int64_t serverReceivedTs = 0;
+  std::optional<std::string> text;
+  std::optional<Bytes> binary;
+};
+
+struct UserState {  // a user the service knows (has attributes or subscriptions)
+  std::map<std::string, std::string> attributes;
+  std::vector<std::string> onlineStatusSubscriptions;  // peers, sorted
+  std::vector<std::string> attributeSubscriptions;     // peers, sorted
+  bool operator==(const UserState&) const = default;
+};
+
+struct AppState {
+  std::vector<std::string> online;  // users with a live accepted login
+  std::map<std::string, ChannelState> channels;
+  std::map<std::string, std::vector<KeptMessage>> offlineMessages;  // by target user, oldest first
+  std::map<std::string, UserState> users;
+};
+
 enum class Silence {
   Off,           // serve new connections normally (connections already silenced stay so)
   AfterConnect,  // open packet and "40{sid}" reply, then nothing: the client's ping time-out must fire
@@ -277,8 +310,16 @@ class DevServer : public ControlledServer {
   bool setSilent(int server, Silence mode);
   // Emits `count` events of `size` characters to one connection as fast as possible; the server's
   // time to hand them over, in ms.
+  // Each event carries `args` when given, else one string of `size` bytes. With `cycle`, `args` is a
+  // list of argument lists that the events carry in turn.
   std::optional<double> burst(int server, const std::string& socket, const std::string& event, int count,
-                              int size);
+                              int size, std::optional<boost::json::array> args = std::nullopt, bool cycle = false);
+
+  // The service model, by app id (one app only when `app` is given); reset() empties it.
+  std::map<std::string, AppState> model(const std::string& app = {});
+  // Change the model's options while it runs; reset() restores the start-up values.
+  bool setRateLimit(int perSecond);  // 0: no limit
+  bool setMemberGrace(std::chrono::milliseconds grace);
 
   bool scriptDiscovery(const DiscoveryAnswer& answer);
   bool scriptCollection(const CollectionAnswer& answer);
@@ -288,7 +329,8 @@ class DevServer : public ControlledServer {
   std::vector<Upload> uploads(bool clear = false);  // collection bodies as received
 
   bool clear();  // forget recorded events, commands, logins, requests and uploads
-  bool reset();  // clear(), drop every script, silence off, restart stopped servers
+  // clear(), drop every script, silence off, restart stopped servers, empty the model, options as started
+  bool reset();
 
  private:
   std::vector<std::string> tavernUrls_, tavernTlsUrls_;

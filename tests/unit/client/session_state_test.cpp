@@ -1,6 +1,6 @@
-#include "client/kit_impl.hpp"
+#include "transport/wire.hpp"
 #include "client/login_params.hpp"
-#include "client/state_helper.hpp"
+#include "client/login_params.hpp"
 #include "support/text.hpp"
 
 #include <gtest/gtest.h>
@@ -44,24 +44,6 @@ TEST(LoginParams, ConfigCarriesTheCredentialsAndAFreshConnectTime) {
   params.logout();
   EXPECT_FALSE(params.login());
   EXPECT_FALSE(params.generateSocketConfig());
-}
-
-TEST(StateHelper, SubscriptionSetsCollapseDuplicatesAndEmptyAtLogout) {
-  QNBRLStateHelper helper;
-  helper.subscribeOnlineStatusOf({"a", "b"});
-  helper.subscribeOnlineStatusOf({"b", "c"});
-  helper.unsubscribeOnlineStatusOf({"b", "zz"});
-  EXPECT_EQ(helper.subscribedOnlineStatusPeerIds(), (std::set<std::string>{"a", "c"}));
-  helper.subscribeAttributesOf({"p", "p"});
-  helper.unsubscribeAttributesOf({"p"});
-  EXPECT_TRUE(helper.subscribedAttributesPeerIds().empty());
-  helper.subscribeAttributesOf({"q"});
-  helper.loginParams().loginWithToken("t", "app", "u", 1);
-
-  helper.logout();
-  EXPECT_TRUE(helper.subscribedOnlineStatusPeerIds().empty());
-  EXPECT_TRUE(helper.subscribedAttributesPeerIds().empty());
-  EXPECT_FALSE(helper.loginParams().login());
 }
 
 }  // namespace

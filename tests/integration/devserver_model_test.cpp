@@ -1,0 +1,335 @@
+// The dev server's model of the service, seen from logged-in Socket.IO clients on different tavern
+// servers: what members hear of each other, what is kept for an offline user, and the answers' codes.
+#include "support/socketio_fixture.hpp"
+
+#include <boost/json/serialize.hpp>
+
+using namespace testing_support;
+using namespace std::chrono_literals;
+namespace json = boost::json;
+
+namespace {
+
+const std::initializer_list<const char*> kHeard = {"loginSuccess",
+                                                   "MemberJoined",
+                                                   "MemberLeft",
+                                                   "ChannelMessageReceived",
+                                                   "ChannelAttributesUpdated",
+                                                   "MessageToPeerReceived",
+                                                   "PeersOnlineStatusChanged",
+                                                   "PeersUserAttributesChanged"};
+const char* const kDeleted = "!!&@#DELETED#@&!!";
+
+struct ModelDevServer {
+  static DevServerOptions options() {
+    DevServerOptions o;
+    o.session = true;
+    return o;
+  }
+};
+
+class DevServerModel : public DevServerSuiteOf<ModelDevServer> {
+ protected:
+  // A client of `user` in this test's own app, logged in on `url` (the first ws tavern server when empty).
+  std::unique_ptr<Session> login(const std::string& user, std::string url = {}) {
+    sio::Options o;
+    const json::object token{{"token", "tk"}, {"userId", user}, {"timestamp", 1}, {"connectTimeStamp", 2}};
+    o.query = {{"app", "tavern"}, {"roomId", app_}, {"token", json::serialize(token)}};
+    auto s = std::make_unique<Session>(url.empty() ? server_->tavernUrls()[0] : url, o, kHeard);
+    EXPECT_TRUE(s->recorder().waitFor("loginSuccess"));
+    return s;
+  }
+
+  // The answer to one command; buffers travel as attachments.
+  static json::value command(Session& s, const std::string& name, json::value payload,
+                             std::vector<sio::BufferPtr> buffers = {}) {
+    AckSink sink;
+    s.socket().emitWithAck("command", args({name, std::move(payload)}, std::move(buffers)), 6s,
+                           sink.callback());
+    EXPECT_TRUE(waitUntil([&] { return sink.count() == 1; }));
+    return sink.count() ? sink.at(0).args.at(0) : json::value();
+  }
+  static bool succeeds(Session& s, const std::string& name, json::value payload,
+                       std::vector<sio::BufferPtr> buffers = {}) {
+    return command(s, name, std::move(payload), std::move(buffers)) == json::value{{"result", 0}};
+  }
+  static json::value first(const Session& s, const std::string& event, std::size_t i = 0) {
+    return s.recorder().waitFor(event, i + 1) ? s.recorder().of(event).at(i).args.at(0) : json::value();
+  }
+  devserver::AppState model() { return server_->model(app_)[app_]; }
+  // Channel "ch" with the given fields: a payload, or who a membership push is about.
+  static json::value ch(json::object more = {}) {
+    more["channelId"] = "ch";
+    return more;
+  }
+  static json::value text(const char* t) { return {{"text", t}}; }
+  static json::value ids(json::array userIds) { return {{"userIds", std::move(userIds)}}; }
+  // The first argument of every `event` heard by `s`, after a round trip of `s`: a push caused before
+  // this call went out on its connection ahead of the answer, so nothing caused is missed.
+  static std::vector<json::value> heardAfterRoundTrip(Session& s, const std::string& event) {
+    command(s, "queryPeersOnlineStatus", ids({"x"}));
+    std::vector<json::value> out;
+    for (auto& p : s.recorder().of(event)) out.push_back(p.args.at(0));
+    return out;
+  }
+
+  const std::string app_ = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+};
+
+TEST_F(DevServerModel, MembersHearJoinsMessagesAcrossServersAndLeaves) {
+  auto a = login("a");
+  auto b = login("b", server_->tavernTlsUrls()[0]);
+  ASSERT_TRUE(succeeds(*a, "join", ch()));
+  ASSERT_TRUE(succeeds(*b, "join", ch()));
+  EXPECT_EQ(first(*a, "MemberJoined"), ch({{"userId", "b"}}));
+  ASSERT_TRUE(succeeds(*b, "join", ch()));  // already a member: nothing to tell
+
+  json::object content{{"text", "hi"}, {"binary", sio::makePlaceholder(0)}};
+  ASSERT_TRUE(succeeds(*a, "sendChannelMessage", ch({{"content", content}, {"option", json::object()}}),
+                       {bytes({1, 2, 3})}));
+  ASSERT_TRUE(b->recorder().waitFor("ChannelMessageReceived"));
+  const auto heard = b->recorder().of("ChannelMessageReceived")[0];
+  const auto& msg = heard.args.at(0).as_object();
+  EXPECT_EQ(msg.at("from"), ch({{"userId", "a"}}));
+  EXPECT_EQ(msg.at("content").at("text"), "hi");
+  EXPECT_TRUE(msg.at("serverReceivedTs").is_number());
+  ASSERT_EQ(heard.buffers.size(), 1u);
+  EXPECT_EQ(*heard.buffers[0], (sio::Buffer{1, 2, 3}));
+  EXPECT_EQ(command(*a, "getChannelMembers", ch()), (json::object{{"result", 0}, {"members", {"a", "b"}}}));
+
+  ASSERT_TRUE(succeeds(*b, "leave", ch()));
+  EXPECT_EQ(first(*a, "MemberLeft"), ch({{"userId", "b"}, {"reason", "Quit"}}));
+  EXPECT_EQ(a->recorder().of("MemberJoined").size(), 1u);
+  EXPECT_TRUE(a->recorder().of("ChannelMessageReceived").empty());  // not sent back to its sender
+}
+
+TEST_F(DevServerModel, AttributeNotificationsReachMembersOnly) {
+  auto member = login("m");
+  auto writer = login("w", server_->tavernUrls()[1]);
+  ASSERT_TRUE(succeeds(*member, "join", ch()));
+  const json::object notify{{"notify", true}};
+  ASSERT_TRUE(succeeds(*writer, "setChannelAttributes",
+                       ch({{"attributes", {{"k", "1"}, {"j", "2"}}}, {"option", notify}})));
+  ASSERT_TRUE(succeeds(*writer, "join", ch()));
+  ASSERT_TRUE(
+      succeeds(*writer, "deleteChannelAttributesByKeys", ch({{"attributeKeys", {"k"}}, {"option", notify}})));
+  EXPECT_EQ(first(*member, "ChannelAttributesUpdated", 1), ch({{"attributes", {{"j", "2"}}}}));
+  // Its first notification is the delete's: the set's came before it was a member.
+  EXPECT_EQ(first(*writer, "ChannelAttributesUpdated"), first(*member, "ChannelAttributesUpdated", 1));
+  EXPECT_EQ(model().channels["ch"].attributes, (std::map<std::string, std::string>{{"j", "2"}}));
+}
+
+TEST_F(DevServerModel, AnswersCarryTheDocumentedCodes) {
+  auto a = login("a");
+  ASSERT_TRUE(succeeds(*a, "join", ch()));
+  const auto big = text(std::string(32769, 'x').c_str());
+  struct Case {
+    const char* name;
+    json::value payload, answer;
+  } cases[] = {
+      {"getChannelMemberCount",
+       {{"channelIds", {"ch", "none"}}},
+       {{"result", 0}, {"counts", {{"ch", 1}, {"none", 0}}}}},
+      {"getChannelMemberCount", {{"channelIds", json::array()}}, {{"result", 2}}},
+      {"sendChannelMessage", {{"channelId", "other"}, {"content", text("t")}}, {{"result", 5}}},
+      {"sendChannelMessage", ch({{"content", big}}), {{"result", 4}}},
+      {"sendChannelMessage", ch({{"content", 7}}), {{"result", 3}}},
+      {"join", {{"channelId", std::string(65, 'c')}}, {{"result", 3}}},
+      {"sendMessageToPeer", {{"targetUserId", "away"}, {"content", text("t")}}, {{"result", 3}}},
+      {"sendMessageToPeer", {{"targetUserId", "a"}, {"content", big}}, {{"result", 7}}},
+      {"no such command", json::object(), {{"result", 0}}},
+  };
+  for (auto& c : cases) EXPECT_EQ(command(*a, c.name, c.payload), c.answer) << c.name << " " << c.payload;
+
+  ASSERT_TRUE(server_->setRateLimit(1));
+  auto b = login("b");
+  EXPECT_EQ(command(*b, "channelHeartbeat", ch()), (json::object{{"result", 5}}));
+  EXPECT_EQ(command(*b, "join", ch()), "Too Many Requests");
+}
+
+TEST_F(DevServerModel, KeptPeerMessagesComeRightAfterTheNextLogin) {
+  auto a = login("a");
+  const json::object offline{{"offline", true}};
+  for (const json::value& t : {json::value("one"), json::value()}) {
+    const json::object content{{"text", t}, {"binary", sio::makePlaceholder(0)}};
+    ASSERT_TRUE(succeeds(*a, "sendMessageToPeer",
+                         {{"targetUserId", "d"}, {"content", content}, {"option", offline}}, {bytes({9})}));
+  }
+  ASSERT_EQ(model().offlineMessages["d"].size(), 2u);
+
+  auto d = login("d", server_->tavernUrls()[1]);
+  ASSERT_TRUE(d->recorder().waitFor("MessageToPeerReceived"));
+  const auto heard = d->recorder().heard();
+  ASSERT_EQ(heard.size(), 2u);
+  EXPECT_EQ(heard[0].first, "loginSuccess");
+  const auto& msgs = heard[1].second.args.at(0).at("msgs").as_array();
+  ASSERT_EQ(msgs.size(), 2u);
+  EXPECT_EQ(msgs[0].at("content").at("text"), "one");
+  EXPECT_TRUE(msgs[1].at("content").at("text").is_null());
+  EXPECT_EQ(msgs[1].at("fromUserId"), "a");
+  ASSERT_EQ(heard[1].second.buffers.size(), 2u);
+  EXPECT_EQ(*heard[1].second.buffers[1], sio::Buffer{9});
+  EXPECT_TRUE(model().offlineMessages.empty());
+}
+
+TEST_F(DevServerModel, AMemberGoneLongerThanTheGraceLeavesWithDisconnect) {
+  auto a = login("a");
+  auto b = login("b");
+  ASSERT_TRUE(succeeds(*a, "join", ch()));
+  ASSERT_TRUE(succeeds(*b, "join", ch()));
+  ASSERT_TRUE(server_->dropTransport(0, b->socket().sid()));
+  ASSERT_TRUE(waitUntil([&] { return model().channels["ch"].away == std::vector<std::string>{"b"}; }));
+
+  // Back within the grace period: the re-join is silent, as the message after it shows.
+  b = login("b", server_->tavernUrls()[1]);
+  ASSERT_TRUE(succeeds(*b, "join", ch()));
+  ASSERT_TRUE(succeeds(*b, "sendChannelMessage", ch({{"content", text("back")}})));
+  ASSERT_TRUE(a->recorder().waitFor("ChannelMessageReceived"));
+  EXPECT_EQ(a->recorder().of("MemberJoined").size(), 1u);
+  EXPECT_TRUE(a->recorder().of("MemberLeft").empty());
+  EXPECT_TRUE(model().channels["ch"].away.empty());
+
+  ASSERT_TRUE(server_->setMemberGrace(50ms));
+  b.reset();
+  EXPECT_EQ(first(*a, "MemberLeft"), ch({{"userId", "b"}, {"reason", "Disconnect"}}));
+  EXPECT_EQ(model().channels["ch"].members, std::vector<std::string>{"a"});
+  EXPECT_EQ(model().online, std::vector<std::string>{"a"});
+}
+
+TEST_F(DevServerModel, UserAttributeChangesReachSubscribersOnAnyServer) {
+  auto w = login("w");
+  auto s = login("s", server_->tavernTlsUrls()[0]);
+  ASSERT_TRUE(succeeds(*s, "subscribePeersUserAttributes", ids({"w"})));
+  struct Step {
+    const char* name;
+    json::value payload, pushed;  // pushed: the changed keys, null when nothing changed
+  } steps[] = {
+      {"setLocalUserAttributes", {{"attributes", {{"k", "1"}, {"j", "2"}}}}, {{"k", "1"}, {"j", "2"}}},
+      {"setLocalUserAttributes", {{"attributes", {{"k", "1"}, {"l", "3"}}}}, {{"l", "3"}, {"j", kDeleted}}},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", {{"k", "1"}}}}, nullptr},
+      {"addOrUpdateLocalUserAttributes",
+       {{"attributes", {{"k", "2"}, {"m", "4"}}}},
+       {{"k", "2"}, {"m", "4"}}},
+      {"deleteLocalUserAttributesByKeys", {{"attributeKeys", {"l", "none"}}}, {{"l", kDeleted}}},
+      {"deleteLocalUserAttributesByKeys", {{"attributeKeys", {"none"}}}, nullptr},
+      {"clearLocalUserAttributes", json::object(), {{"k", kDeleted}, {"m", kDeleted}}},
+      {"clearLocalUserAttributes", json::object(), nullptr},
+  };
+  std::vector<json::value> expected;
+  for (auto& step : steps) {
+    ASSERT_TRUE(succeeds(*w, step.name, step.payload)) << step.name << " " << step.payload;
+    if (!step.pushed.is_null()) {
+      expected.push_back(json::object{{"attributes", {{"w", {{"attributes", step.pushed}}}}}});
+    }
+  }
+  // No longer subscribed: no more pushes.
+  ASSERT_TRUE(succeeds(*s, "unsubscribePeersUserAttributes", ids({"w"})));
+  ASSERT_TRUE(succeeds(*w, "setLocalUserAttributes", {{"attributes", {{"k", "1"}}}}));
+  EXPECT_EQ(heardAfterRoundTrip(*s, "PeersUserAttributesChanged"), expected);
+  EXPECT_TRUE(w->recorder().of("PeersUserAttributesChanged").empty());
+}
+
+TEST_F(DevServerModel, OnlineStatusPushesFollowEveryPresenceChange) {
+  auto s = login("s", server_->tavernTlsUrls()[0]);
+  const auto status = [](int value) { return json::value{{"status", {{"p", value}}}}; };
+  ASSERT_TRUE(succeeds(*s, "subscribePeersOnlineStatus", ids({"p"})));  // the current status at once
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged"), status(1));
+  auto p = login("p");
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 1), status(0));
+  // A login replacing the user's connection on another server: never offline in between.
+  auto again = login("p", server_->tavernUrls()[1]);
+  ASSERT_TRUE(server_->dropTransport(1, again->socket().sid()));  // a lost connection
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 2), status(1));
+  p = login("p");
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 3), status(0));
+  p.reset();  // a logout
+  EXPECT_EQ(first(*s, "PeersOnlineStatusChanged", 4), status(1));
+  EXPECT_EQ(heardAfterRoundTrip(*s, "PeersOnlineStatusChanged").size(), 5u);
+}
+
+// Subscriptions live while their user is online; attributes stay. A lost connection followed by the
+// client's replay (set the cached attributes, then both subscriptions) gives back the same state.
+TEST_F(DevServerModel, AReplayAfterALostConnectionRestoresTheUsersState) {
+  auto a = login("a");
+  const auto replay = [&] {
+    ASSERT_TRUE(succeeds(*a, "setLocalUserAttributes", {{"attributes", {{"k", "1"}}}}));
+    ASSERT_TRUE(succeeds(*a, "subscribePeersOnlineStatus", ids({"c", "b"})));
+    ASSERT_TRUE(succeeds(*a, "subscribePeersUserAttributes", ids({"b"})));
+  };
+  replay();
+  const devserver::UserState before{{{"k", "1"}}, {"b", "c"}, {"b"}};
+  EXPECT_EQ(model().users, (std::map<std::string, devserver::UserState>{{"a", before}}));
+
+  ASSERT_TRUE(server_->dropTransport(0, a->socket().sid()));
+  ASSERT_TRUE(waitUntil([&] { return model().online.empty(); }));
+  const devserver::UserState attributesOnly{{{"k", "1"}}, {}, {}};
+  EXPECT_EQ(model().users["a"], attributesOnly);
+
+  a = login("a", server_->tavernUrls()[1]);
+  replay();
+  EXPECT_EQ(model().users["a"], before);
+
+  a.reset();  // a logout
+  ASSERT_TRUE(waitUntil([&] { return model().online.empty(); }));
+  EXPECT_EQ(model().users["a"], attributesOnly);
+}
+
+TEST_F(DevServerModel, UserCommandsAnswerTheDocumentedReadingsAndCodes) {
+  auto a = login("a");
+  auto b = login("b", server_->tavernUrls()[1]);
+  ASSERT_TRUE(succeeds(*a, "setLocalUserAttributes", {{"attributes", {{"k", "1"}, {"j", "2"}}}}));
+  ASSERT_TRUE(succeeds(*a, "subscribePeersOnlineStatus", ids({"b", "c"})));
+  ASSERT_TRUE(succeeds(*a, "subscribePeersUserAttributes", ids({"b"})));
+  const auto stateOfA = model().users["a"];
+
+  json::object many, tooManyMore;  // 33 attributes; 31 more beside the 2 held
+  for (int i = 0; i < 33; ++i) many["k" + std::to_string(i)] = "v";
+  for (int i = 0; i < 31; ++i) tooManyMore["n" + std::to_string(i)] = "v";
+  json::array peers;  // 999 more beside the 2 subscribed: one over the limit
+  for (int i = 0; i < 999; ++i) peers.emplace_back("p" + std::to_string(i));
+  const json::value unknown{{"result", 6}}, tooMany{{"result", 6}}, invalid{{"result", 3}},
+      overLimit{{"result", 4}};
+  const json::value attributesOfA{{"k", "1"}, {"j", "2"}};
+  struct Case {
+    const char* name;
+    json::value payload, answer;
+  } cases[] = {
+      {"getUserAttributes", {{"userId", "a"}}, {{"result", 0}, {"attributes", attributesOfA}}},
+      {"getUserAttributes", {{"userId", "b"}}, {{"result", 0}, {"attributes", json::object()}}},  // online
+      {"getUserAttributes", {{"userId", "nobody"}}, unknown},
+      {"getUserAttributes", {{"userId", std::string(65, 'u')}}, invalid},
+      {"getUserAttributesByKeys",
+       {{"userId", "a"}, {"attributeKeys", {"k", "none"}}},
+       {{"result", 0}, {"attributes", {{"k", "1"}}}}},
+      {"getPeersUserAttributes",
+       ids({"a", "nobody"}),
+       {{"result", 0},
+        {"attributes", {{"a", {{"result", 0}, {"attributes", attributesOfA}}}, {"nobody", unknown}}}}},
+      {"getPeersUserAttributesByKeys",
+       {{"userIds", {"a", "b"}}, {"attributeKeys", {"j"}}},
+       {{"result", 0},
+        {"attributes",
+         {{"a", {{"result", 0}, {"attributes", {{"j", "2"}}}}},
+          {"b", {{"result", 0}, {"attributes", json::object()}}}}}}},
+      {"getPeersUserAttributes", ids({}), invalid},
+      {"queryPeersOnlineStatus",
+       ids({"b", "nobody"}),
+       {{"result", 0}, {"status", {{"b", 1}, {"nobody", 0}}}}},
+      {"queryPeersBySubscriptionOption", {{"option", 0}}, {{"result", 0}, {"userIds", {"b", "c"}}}},
+      {"queryPeersBySubscriptionOption", {{"option", 1}}, {{"result", 0}, {"userIds", {"b"}}}},
+      {"queryPeersBySubscriptionOption", {{"option", 2}}, invalid},
+      {"setLocalUserAttributes", {{"attributes", many}}, overLimit},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", tooManyMore}}, overLimit},
+      {"setLocalUserAttributes", {{"attributes", {{"k", std::string(8193, 'v')}}}}, overLimit},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", {{std::string(65, 'k'), "v"}}}}, overLimit},
+      {"addOrUpdateLocalUserAttributes", {{"attributes", {{"k", kDeleted}}}}, invalid},
+      {"setLocalUserAttributes", {{"attributes", {{"k", 1}}}}, invalid},
+      {"deleteLocalUserAttributesByKeys", {{"attributeKeys", "k"}}, invalid},
+      {"subscribePeersOnlineStatus", ids(peers), tooMany},
+      {"subscribePeersUserAttributes", ids({"b", std::string(65, 'p')}), invalid},
+  };
+  for (auto& c : cases) EXPECT_EQ(command(*a, c.name, c.payload), c.answer) << c.name << " " << c.payload;
+  EXPECT_EQ(model().users["a"], stateOfA);  // refusals change nothing
+}
+
+}  // namespace
