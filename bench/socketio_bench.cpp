@@ -1,8 +1,8 @@
-// The Socket.IO client against a Node Socket.IO server (bench/socketio_bench_server.js), each figure
-// beside the same traffic over the leanest correct async Beast WebSocket client (a plain TCP socket on
-// the loop's concrete executor) to the server's echo endpoint, so that the ratios show what the
-// Socket.IO layer adds. Requests are built inside the timed path, as an application builds them;
-// events carry the nested object of a channel message.
+// The Socket.IO client against the dev server's Node Socket.IO server, each figure beside the same
+// traffic over the leanest correct async Beast WebSocket client (a plain TCP socket on the loop's
+// concrete executor) to the dev server's raw echo, so that the ratios show what the Socket.IO layer
+// adds. Requests are built inside the timed path, as an application builds them, and answered with
+// [{"result":0}] (no login, so no service model); events carry the nested object of a channel message.
 //
 // Compared pairs run in one process, alternating round by round (the order flips every round), after
 // one warm-up round; every figure is the median over the rounds and every ratio the median of the
@@ -12,7 +12,7 @@
 #include "benchmarks.hpp"
 #include "socketio/client.hpp"
 #include "socketio/codec.hpp"
-#include "devserver/control_channel.hpp"
+#include "devserver/dev_server.hpp"
 #include "support/queues.hpp"
 
 #include <boost/asio/connect.hpp>
@@ -165,25 +165,22 @@ class AckChain : public std::enable_shared_from_this<AckChain> {
   std::promise<void> done_;
 };
 
-// The benchmark's Node server: Socket.IO and a raw WebSocket echo.
-class BenchServer {
- public:
-  BenchServer()
-      : control_({"node", (std::filesystem::path(__FILE__).parent_path() / "socketio_bench_server.js").string()},
-                 {}, 20s) {
-    if (!control_.ready()) throw std::runtime_error("the benchmark server did not start: " + control_.startError());
-  }
-  std::string socketioUrl() const { return std::string(control_.readyLine().at("socketio").as_string()); }
-  std::string echoUrl() const { return std::string(control_.readyLine().at("echo").as_string()); }
-  // Queues `count` channel messages to every connected socket; returns once they are queued.
-  void burst(int count) {
-    auto reply = control_.request(json::object{{"cmd", "burst"}, {"count", count}}, kRoundLimit);
-    if (!devserver::isOk(reply)) throw std::runtime_error("burst refused: " + devserver::errorOf(reply));
-  }
+// The shape of a channel message as the service sends it: seven keys, two levels, ~100 bytes of text.
+json::array channelMessage() {
+  return {json::object{{"from", {{"channelId", "ch-1"}, {"userId", "u-42"}}},
+                       {"serverReceivedTs", 1718000000123},
+                       {"messageId", "m-1"},
+                       {"content", {{"text", "hello"}}}}};
+}
 
- private:
-  devserver::ControlChannel control_;
-};
+devserver::DevServerOptions serverOptions() {
+  devserver::DevServerOptions o;
+  o.tavern = 1;
+  o.tavernTls = 0;
+  o.record = false;  // a flood would otherwise be kept
+  o.onError = [](const std::string& why) { throw std::runtime_error("dev server: " + why); };
+  return o;
+}
 
 // A connected client socket.
 class SioClient {
@@ -381,9 +378,11 @@ void printRatio(std::ostream& out, const std::string& name, const Case& num, con
 
 void runSocketIoBenchmarks(std::ostream& out) {
   const auto& settings = benchSettings();
-  BenchServer server;
-  SioClient sio(server.socketioUrl());
+  devserver::DevServer server(serverOptions());
+  SioClient sio(server.tavernUrls().at(0));
   RawClient raw(server.echoUrl());
+  const std::string sid = sio.socket().sid();
+  const auto message = channelMessage();
 
   // The text frame the client sends for the first emit, for the raw client to echo.
   const std::string frame = sio::encodeEvent("command", sio::Payload{commandArgs(), {}}, 0).text;
@@ -411,7 +410,7 @@ void runSocketIoBenchmarks(std::ostream& out) {
                         reached = events->reached.get_future();
                       });
                       Measure m;
-                      server.burst(flood);
+                      server.burst(0, sid, "ChannelMessageReceived", flood, 0, message);
                       await(reached, "Socket.IO events");
                       Round r;
                       m.finish(r);
