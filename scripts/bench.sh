@@ -22,7 +22,7 @@ shift
 out=${CALLGRIND_DIR:-$(mktemp -d)}
 [[ -n ${CALLGRIND_DIR:-} ]] || trap 'rm -rf "$out"' EXIT
 # Each measured round is dumped on its own ("<bench> ops=<n>"); everything else is zeroed away.
-taskset -c 0 valgrind --tool=callgrind --callgrind-out-file="$out/cg" build/release/bench/qnbrl_bench "$@" >/dev/null
+taskset -c 0 valgrind --tool=callgrind --compress-strings=no --compress-pos=no --callgrind-out-file="$out/cg" build/release/bench/qnbrl_bench "$@" >/dev/null
 python3 - "$out" <<'PY'
 import glob, json, re, statistics, sys
 per = {}

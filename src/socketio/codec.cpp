@@ -6,6 +6,7 @@
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -47,7 +48,7 @@ class PacketArena final : public json::memory_resource {
   // The shared holder keeps the resource out of reach: it tells where it is through `self`. The
   // first block beyond the inline one is sized for `text` bytes of JSON: a value that outlives its
   // handler pins the whole arena, so it stays near the packet's own size.
-  PacketArena(std::size_t budget, std::size_t text, PacketArena*& self) : left_(budget), grow_(2 * text + 256) {
+  PacketArena(std::size_t& budget, std::size_t text, PacketArena*& self) : left_(&budget), grow_(2 * text + 256) {
     self = this;
   }
   ~PacketArena() override {
@@ -55,8 +56,11 @@ class PacketArena final : public json::memory_resource {
   }
   PacketArena(const PacketArena&) = delete;
   PacketArena& operator=(const PacketArena&) = delete;
-  // Called before the value leaves the parsing thread.
-  void seal() { sealed_ = true; }
+  // Called before the value leaves the parsing thread; the budget is not touched afterwards.
+  void seal() {
+    sealed_ = true;
+    left_ = nullptr;
+  }
 
  private:
   struct Block {
@@ -71,8 +75,8 @@ class PacketArena final : public json::memory_resource {
 
   void* do_allocate(std::size_t n, std::size_t align) override {
     if (sealed_) return ::operator new(n);
-    if (n > left_) throw std::bad_alloc();
-    left_ -= n;
+    if (n > *left_) throw std::bad_alloc();
+    *left_ -= n;
     auto p = alignUp(next_, align);
     if (p + n > end_) {
       const std::size_t size = std::max(n + align, std::exchange(grow_, grow_ * 2));
@@ -99,7 +103,7 @@ class PacketArena final : public json::memory_resource {
   }
   bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
 
-  std::size_t left_;
+  std::size_t* left_;  // the packet's budget, shared with the parser's stack
   bool sealed_ = false;
   Block* extra_ = nullptr;
   std::size_t grow_;
@@ -108,62 +112,138 @@ class PacketArena final : public json::memory_resource {
   std::uintptr_t end_ = next_ + kInline;
 };
 
-Result<json::value> parseJson(std::string_view text, std::size_t budget) {
-  using R = Result<json::value>;
-  json::parse_options options;
-  options.max_depth = kMaxJsonDepth;
-  PacketArena* arena = nullptr;
-  json::storage_ptr storage = json::make_shared_resource<PacketArena>(budget, text.size(), arena);
-  unsigned char stack[BOOST_JSON_STACK_BUFFER_SIZE];
-  json::parser parser(storage, options, stack);
-  parser.reset(storage);
-  try {
-    boost::system::error_code ec;
-    parser.write(text.data(), text.size(), ec);
-    if (ec) return R::fail("payload is not valid JSON");
-    auto value = parser.release();
-    arena->seal();
-    return ok(std::move(value));
-  } catch (const std::bad_alloc&) {
-    return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
-  }
-}
+}  // namespace
 
-// Appends to a string through a cursor: the string grows geometrically and is cut to length once,
-// instead of a size check and a terminator per character.
-class Writer {
+// One parser per connection: its stack (on the heap, metered against the same budget as the packet's
+// arena) is kept from packet to packet instead of being set up and grown again for each.
+class JsonReader {
  public:
-  explicit Writer(std::string& out) : out_(out), pos_(out.size()) {}
-  ~Writer() { out_.resize(pos_); }  // before the string is read
-  Writer(const Writer&) = delete;
-  Writer& operator=(const Writer&) = delete;
+  JsonReader() : stack_(budget_) { recover(); }
 
-  void put(char c) { *room(1) = c, ++pos_; }
-  void put(std::string_view s) {
-    std::memcpy(room(s.size()), s.data(), s.size());
-    pos_ += s.size();
-  }
-  template <class N>
-  void number(N n) {
-    const auto end = std::to_chars(room(32), out_.data() + out_.size(), n).ptr;
-    pos_ = static_cast<std::size_t>(end - out_.data());
-  }
-  // Shortest round-trip form, kept a fraction (1.0, not 1) so that a peer reads it back as one.
-  void real(double d) {
-    const auto start = pos_;
-    number(d);
-    const std::string_view text(out_.data() + start, pos_ - start);
-    if (text.find_first_of(".e") == std::string_view::npos) put(".0");
+  Result<json::value> parse(std::string_view text, std::size_t budget) {
+    using R = Result<json::value>;
+    budget_ = budget > stack_.held() ? budget - stack_.held() : 0;
+    PacketArena* arena = nullptr;
+    try {
+      parser_->reset(json::make_shared_resource<PacketArena>(budget_, text.size(), arena));
+      boost::system::error_code ec;
+      parser_->write(text.data(), text.size(), ec);
+      if (ec) {
+        recover();
+        return R::fail("payload is not valid JSON");
+      }
+      auto value = parser_->release();
+      arena->seal();
+      if (stack_.held() > kStackKept) recover();
+      return ok(std::move(value));
+    } catch (const std::bad_alloc&) {
+      recover();
+      return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
+    }
   }
 
  private:
+  // Counts what the parser's stack holds against the current packet's budget.
+  class MeteredHeap final : public json::memory_resource {
+   public:
+    explicit MeteredHeap(std::size_t& budget) : budget_(budget) {}
+    std::size_t held() const { return held_; }
+
+   private:
+    void* do_allocate(std::size_t n, std::size_t) override {
+      if (n > budget_) throw std::bad_alloc();
+      void* p = ::operator new(n);
+      budget_ -= n;
+      held_ += n;
+      return p;
+    }
+    void do_deallocate(void* p, std::size_t n, std::size_t) override {
+      ::operator delete(p);
+      held_ -= n;
+      budget_ += n;
+    }
+    bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
+    std::size_t& budget_;
+    std::size_t held_ = 0;
+  };
+
+  // A hostile packet may have grown the stack: a connection keeps no more than a typical one needs.
+  static constexpr std::size_t kStackKept = 16 * 1024;
+
+  static json::parse_options options() {
+    json::parse_options o;
+    o.max_depth = kMaxJsonDepth;
+    return o;
+  }
+  // A fresh parser: drops a half-built value (and with it the packet's arena) and an oversized stack.
+  void recover() {
+    parser_.reset();
+    budget_ = std::numeric_limits<std::size_t>::max();  // set again for each packet
+    parser_.emplace(json::storage_ptr(&stack_), options());
+  }
+
+  std::size_t budget_ = 0;
+  MeteredHeap stack_;
+  std::optional<json::parser> parser_;
+};
+
+namespace {
+
+Result<json::value> parseJson(std::string_view text, std::size_t budget) {
+  JsonReader reader;
+  return reader.parse(text, budget);
+}
+
+// Writes into a string through a raw cursor: each piece first makes room for its worst case (one
+// compare, inlined), then stores without checks; the string is cut to length once at the end.
+class Writer {
+ public:
+  explicit Writer(std::string& out) : out_(out) {
+    // Room for a typical packet at once; resize zero-fills, so no more than that.
+    out_.resize(std::max<std::size_t>(out_.size() + 224, out_.capacity()));
+    p_ = out_.data();
+    end_ = p_ + out_.size();
+  }
+  ~Writer() { out_.resize(static_cast<std::size_t>(p_ - out_.data())); }  // before the string is read
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  // At least n bytes free at the returned cursor; advance() with where the writing ended.
   char* room(std::size_t n) {
-    // The first growth fits a typical packet.
-    if (out_.size() - pos_ < n) out_.resize(std::max(2 * out_.size(), pos_ + n + 160));
-    return out_.data() + pos_;
+    if (static_cast<std::size_t>(end_ - p_) < n) grow(n);
+    return p_;
+  }
+  void advance(char* to) { p_ = to; }
+
+  void put(char c) { *room(1) = c, ++p_; }
+  void put(std::string_view s) {
+    std::memcpy(room(s.size()), s.data(), s.size());
+    p_ += s.size();
+  }
+  template <class N>
+  void number(N n) {
+    p_ = std::to_chars(room(32), end_, n).ptr;
+  }
+  // Shortest round-trip form, kept a fraction (1.0, not 1) so that a peer reads it back as one.
+  void real(double d) {
+    char* start = room(32 + 2);
+    p_ = std::to_chars(start, end_, d).ptr;
+    if (std::string_view(start, static_cast<std::size_t>(p_ - start)).find_first_of(".e") == std::string_view::npos) {
+      *p_++ = '.';
+      *p_++ = '0';
+    }
+  }
+
+ private:
+  [[gnu::noinline]] void grow(std::size_t n) {
+    const auto used = static_cast<std::size_t>(p_ - out_.data());
+    out_.resize(std::max(2 * out_.size(), used + n + 224));
+    p_ = out_.data() + used;
+    end_ = out_.data() + out_.size();
   }
   std::string& out_;
-  std::size_t pos_;
+  char* p_ = nullptr;
+  char* end_ = nullptr;
 };
 
 // Whether any of the eight bytes in `x` is a control character, '"' or '\\' (bit tricks: a byte
@@ -174,35 +254,59 @@ bool needsEscape(std::uint64_t x) {
   return (below(x, 0x20) | below(x ^ (kOnes * '"'), 1) | below(x ^ (kOnes * '\\'), 1)) != 0;
 }
 
-// A JSON string, escaped as the reference serializers escape it.
-void writeString(Writer& w, std::string_view s) {
+// What each byte becomes inside a JSON string, as the reference serializers escape it: 0 for
+// itself, a letter for a two-character escape, 'u' for \u00XX.
+constexpr auto kEscapes = [] {
+  std::array<char, 256> t{};
+  for (int c = 0; c < 0x20; ++c) t[static_cast<std::size_t>(c)] = 'u';
+  t['"'] = '"';
+  t['\\'] = '\\';
+  t['\b'] = 'b';
+  t['\f'] = 'f';
+  t['\n'] = 'n';
+  t['\r'] = 'r';
+  t['\t'] = 't';
+  return t;
+}();
+
+// Escapes `s` into `p`, which has room for 6 bytes per input byte; returns the end.
+char* escapeInto(char* p, const char* s, std::size_t n) {
   static constexpr char kHex[] = "0123456789abcdef";
-  w.put('"');
-  std::size_t plain = 0;  // start of the run not yet written
   std::size_t i = 0;
-  // Strings rarely need escapes: skip them eight bytes at a time.
-  for (std::uint64_t x; i + 8 <= s.size() && (std::memcpy(&x, s.data() + i, 8), !needsEscape(x));) i += 8;
-  for (; i < s.size(); ++i) {
+  // Strings rarely need escapes: copy them eight bytes at a time while none is needed.
+  for (std::uint64_t x; i + 8 <= n && (std::memcpy(&x, s + i, 8), !needsEscape(x)); i += 8, p += 8) {
+    std::memcpy(p, &x, 8);
+  }
+  for (; i < n; ++i) {
     const auto c = static_cast<unsigned char>(s[i]);
-    if (c >= 0x20 && c != '"' && c != '\\') continue;
-    w.put(s.substr(plain, i - plain));
-    plain = i + 1;
-    switch (c) {
-      case '"': w.put("\\\""); break;
-      case '\\': w.put("\\\\"); break;
-      case '\b': w.put("\\b"); break;
-      case '\f': w.put("\\f"); break;
-      case '\n': w.put("\\n"); break;
-      case '\r': w.put("\\r"); break;
-      case '\t': w.put("\\t"); break;
-      default: {
-        const char escaped[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
-        w.put(std::string_view(escaped, 6));
-      }
+    const char e = kEscapes[c];
+    if (e == 0) {
+      *p++ = static_cast<char>(c);
+    } else if (e != 'u') {
+      *p++ = '\\';
+      *p++ = e;
+    } else {
+      const char escaped[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
+      std::memcpy(p, escaped, 6);
+      p += 6;
     }
   }
-  w.put(s.substr(plain));
-  w.put('"');
+  return p;
+}
+
+// A JSON string. Room is made a slice at a time, so a long string never asks for six times its size.
+void writeString(Writer& w, std::string_view s) {
+  constexpr std::size_t kSlice = 4096;
+  char* p = w.room(std::min(s.size(), kSlice) * 6 + 2);
+  *p++ = '"';
+  while (s.size() > kSlice) {
+    w.advance(escapeInto(p, s.data(), kSlice));
+    s.remove_prefix(kSlice);
+    p = w.room(std::min(s.size(), kSlice) * 6 + 1);
+  }
+  p = escapeInto(p, s.data(), s.size());
+  *p++ = '"';
+  w.advance(p);
 }
 
 // Serializes in one walk. JSON has no Infinity or NaN: they go out as null, as JSON.stringify
@@ -212,7 +316,7 @@ void writeJson(Writer& w, const json::value& v) {
     case json::kind::null:
       return w.put("null");
     case json::kind::bool_:
-      return w.put(v.get_bool() ? "true" : "false");
+      return v.get_bool() ? w.put("true") : w.put("false");
     case json::kind::int64:
       return w.number(v.get_int64());
     case json::kind::uint64:
@@ -230,7 +334,7 @@ void writeJson(Writer& w, const json::value& v) {
         w.put(std::exchange(sep, ','));
         writeJson(w, e);
       }
-      return w.put(sep == '[' ? "[]" : "]");
+      return sep == '[' ? w.put("[]") : w.put(']');
     }
     case json::kind::object: {
       char sep = '{';
@@ -240,20 +344,23 @@ void writeJson(Writer& w, const json::value& v) {
         w.put(':');
         writeJson(w, e.value());
       }
-      return w.put(sep == '{' ? "{}" : "}");
+      return sep == '{' ? w.put("{}") : w.put('}');
     }
   }
 }
 
 // The arguments as a JSON array, after the event name when there is one.
 void writeArgs(Writer& w, std::optional<std::string_view> event, const json::array& args) {
-  w.put('[');
-  if (event) writeString(w, *event);
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (i > 0 || event) w.put(',');
-    writeJson(w, args[i]);
+  char sep = '[';
+  if (event) {
+    w.put(std::exchange(sep, ','));
+    writeString(w, *event);
   }
-  w.put(']');
+  for (const auto& e : args) {
+    w.put(std::exchange(sep, ','));
+    writeJson(w, e);
+  }
+  sep == '[' ? w.put("[]") : w.put(']');
 }
 
 // A JSON integer in [1, max], or nothing.
@@ -441,6 +548,11 @@ bool isReservedEventName(std::string_view name) {
          name == "newListener" || name == "removeListener";
 }
 
+Decoder::Decoder(DecoderLimits limits) : limits_(limits) {}
+Decoder::~Decoder() = default;
+Decoder::Decoder(Decoder&&) noexcept = default;
+Decoder& Decoder::operator=(Decoder&&) noexcept = default;
+
 Result<Decoder::Output> Decoder::onText(std::string_view data) {
   using R = Result<Output>;
   if (pending_) {
@@ -487,7 +599,8 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
   }
 
   if (i < data.size()) {
-    auto payload = parseJson(data.substr(i), limits_.json_memory);
+    if (!json_) json_ = std::make_unique<JsonReader>();
+    auto payload = json_->parse(data.substr(i), limits_.json_memory);
     if (!payload) return R::fail(payload.error);
     // Constructed in place: assigning a value from another memory resource would copy it.
     std::destroy_at(&packet.data);

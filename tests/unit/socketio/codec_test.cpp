@@ -149,6 +149,35 @@ TEST(SocketIoCodec, RejectsMalformedInput) {
     EXPECT_FALSE(feed(decoder, frames)) << frames[0];
     // An error leaves the decoder clean for whoever reuses it.
     EXPECT_FALSE(decoder.awaitingAttachments()) << frames[0];
+    EXPECT_TRUE(feed(decoder, {R"(42["a",{"b":[1,"c"]}])"})) << "after " << frames[0];
+  }
+}
+
+// One decoder parses every packet of a connection: what a refused packet used leaves the budget of
+// the next ones untouched.
+TEST(SocketIoCodec, ADecoderKeepsItsMemoryBoundFromPacketToPacket) {
+  const auto zeros = [](std::size_t n) {
+    std::string s = "2[\"news\",[0";
+    for (std::size_t i = 1; i < n; ++i) s += ",0";
+    return s + "]]";
+  };
+  const std::string nested = R"(2["m",{"from":{"id":"u"},"ts":1718000000123,"content":{"text":"hi"}}])";
+  const std::string text = "2[\"t\",\"" + std::string(10 * 1024, 'x') + "\"]";
+  const struct {
+    std::string data;
+    bool ok;
+  } packets[] = {{nested, true}, {zeros(3000), false}, {nested, true}, {text, true},
+                 {zeros(100), true}, {zeros(3000), false}, {"2[\"a\",{\"b\":", false}, {nested, true}};
+  Decoder decoder(DecoderLimits{1024, 16 * 1024});
+  for (int round = 0; round < 2; ++round) {
+    for (const auto& p : packets) {
+      auto r = decoder.onText(p.data);
+      ASSERT_EQ(static_cast<bool>(r), p.ok) << p.data.substr(0, 40) << ": " << r.error;
+      if (!r) continue;
+      const auto* packet = std::get_if<Packet>(&*r.value);
+      ASSERT_NE(packet, nullptr);
+      EXPECT_EQ(packet->data, json::parse(p.data.substr(1)));
+    }
   }
 }
 
