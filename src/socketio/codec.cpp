@@ -548,6 +548,15 @@ bool isReservedEventName(std::string_view name) {
          name == "newListener" || name == "removeListener";
 }
 
+namespace {
+// Built in place: each move of a packet touches its JSON's shared memory resource.
+Result<Decoder::Output> complete(Packet&& packet) {
+  Result<Decoder::Output> r;
+  r.value.emplace(std::in_place_type<Packet>, std::move(packet));
+  return r;
+}
+}  // namespace
+
 Decoder::Decoder(DecoderLimits limits) : limits_(limits) {}
 Decoder::~Decoder() = default;
 Decoder::Decoder(Decoder&&) noexcept = default;
@@ -619,7 +628,7 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
       return ok(Output{});
     }
   }
-  return ok(Output{std::move(packet)});
+  return complete(std::move(packet));
 }
 
 Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
@@ -636,9 +645,9 @@ Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
   }
   pending_->buffers.push_back(std::move(frame));
   if (pending_->buffers.size() < expected_) return ok(Output{});
-  Packet done = std::move(*pending_);
+  auto done = complete(std::move(*pending_));
   reset();
-  return ok(Output{std::move(done)});
+  return done;
 }
 
 Result<Endpoint> buildEndpoint(std::string_view base_url, std::string_view path,

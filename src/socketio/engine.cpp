@@ -104,7 +104,7 @@ void Engine::onText(std::string_view frame) {
     case engine::Type::Message: {
       auto out = decoder_.onText(packet.value->data);
       if (!out) return close("Parse error: " + out.error, true);
-      if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(std::move(*p));
+      if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(*p);
       return;
     }
     case engine::Type::Pong:
@@ -118,10 +118,10 @@ void Engine::onBinary(BufferPtr frame) {
   if (stage_ != Stage::EngineOpen) return close(kPacketBeforeOpen, true);
   auto out = decoder_.onBinary(std::move(frame));
   if (!out) return close("Parse error: " + out.error, true);
-  if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(std::move(*p));
+  if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(*p);
 }
 
-void Engine::onPacket(Packet packet) {
+void Engine::onPacket(Packet& packet) {
   if (packet.nsp != "/") return;  // only the default namespace is used
   switch (packet.type) {
     case PacketType::Connect:
@@ -139,10 +139,10 @@ void Engine::onPacket(Packet packet) {
       return close(reason::kServerDisconnect, true);
     case PacketType::Event:
     case PacketType::BinaryEvent:
-      return deliverEvent(std::move(packet));
+      return deliverEvent(packet);
     case PacketType::Ack:
     case PacketType::BinaryAck:
-      return deliverAck(std::move(packet));
+      return deliverAck(packet);
   }
 }
 
@@ -166,7 +166,7 @@ void Engine::onConnectReply(const Packet& packet) {
   fire("connect", Payload{});
 }
 
-void Engine::deliverEvent(Packet packet) {
+void Engine::deliverEvent(Packet& packet) {
   auto* args = packet.data.if_array();
   if (!args || args->empty()) return;
   std::string number;  // a name that is a number is looked up as its text
@@ -198,7 +198,7 @@ void Engine::deliverEvent(Packet packet) {
   if (!abandoned_.load()) safeCall(*handler, payload, responder);
 }
 
-void Engine::deliverAck(Packet packet) {
+void Engine::deliverAck(Packet& packet) {
   if (!packet.id) return;
   // Constructed, not assigned: the arguments keep the memory resource they were parsed into.
   auto* args = packet.data.if_array();

@@ -62,10 +62,11 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
 
  private:
   void setStatus(Socket::Status s) { status_.store(s); }
-  void onPacket(Packet packet);
+  // Packets are handed down by reference: each move of one touches its JSON's shared memory resource.
+  void onPacket(Packet& packet);
   void onConnectReply(const Packet& packet);
-  void deliverEvent(Packet packet);
-  void deliverAck(Packet packet);
+  void deliverEvent(Packet& packet);
+  void deliverAck(Packet& packet);
   void transmit(Frames frames);
   void armHeartbeat();
   void fire(const std::string& event, const Payload& args, const Responder& responder = {});
