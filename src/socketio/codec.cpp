@@ -112,10 +112,8 @@ class PacketArena final : public json::memory_resource {
   std::uintptr_t end_ = next_ + kInline;
 };
 
-}  // namespace
-
-// One parser per connection: its stack (on the heap, metered against the same budget as the packet's
-// arena) is kept from packet to packet instead of being set up and grown again for each.
+// A parser whose stack (on the heap, metered against the same budget as the packet's arena) is kept
+// from packet to packet instead of being set up and grown again for each.
 class JsonReader {
  public:
   JsonReader() : stack_(budget_) { recover(); }
@@ -186,8 +184,6 @@ class JsonReader {
   MeteredHeap stack_;
   std::optional<json::parser> parser_;
 };
-
-namespace {
 
 Result<json::value> parseJson(std::string_view text, std::size_t budget) {
   JsonReader reader;
@@ -557,11 +553,6 @@ Result<Decoder::Output> complete(Packet&& packet) {
 }
 }  // namespace
 
-Decoder::Decoder(DecoderLimits limits) : limits_(limits) {}
-Decoder::~Decoder() = default;
-Decoder::Decoder(Decoder&&) noexcept = default;
-Decoder& Decoder::operator=(Decoder&&) noexcept = default;
-
 Result<Decoder::Output> Decoder::onText(std::string_view data) {
   using R = Result<Output>;
   if (pending_) {
@@ -608,8 +599,10 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
   }
 
   if (i < data.size()) {
-    if (!json_) json_ = std::make_unique<JsonReader>();
-    auto payload = json_->parse(data.substr(i), limits_.json_memory);
+    // Per thread, not per connection: an idle connection holds no parser. Parsing calls out to
+    // nothing, so no other decoder on this thread can re-enter it.
+    static thread_local JsonReader reader;
+    auto payload = reader.parse(data.substr(i), limits_.json_memory);
     if (!payload) return R::fail(payload.error);
     // Constructed in place: assigning a value from another memory resource would copy it.
     std::destroy_at(&packet.data);

@@ -104,17 +104,12 @@ struct DecoderLimits {
   std::size_t json_memory = 32u * 1024u * 1024u;
 };
 
-class JsonReader;
-
 // Turns Engine.IO message data into Socket.IO packets, holding a binary packet until all of its
 // attachments have arrived. After an error the decoder is reset; the caller closes the connection.
 class Decoder {
  public:
   using Output = std::variant<std::monostate, Packet>;  // monostate: need more frames
-  explicit Decoder(DecoderLimits limits = {});
-  ~Decoder();
-  Decoder(Decoder&&) noexcept;
-  Decoder& operator=(Decoder&&) noexcept;
+  explicit Decoder(DecoderLimits limits = {}) : limits_(limits) {}
   // Text message data, i.e. the frame without its Engine.IO '4'.
   Result<Output> onText(std::string_view data);
   Result<Output> onBinary(BufferPtr frame);
@@ -126,7 +121,6 @@ class Decoder {
 
  private:
   DecoderLimits limits_;
-  std::unique_ptr<JsonReader> json_;  // made with the first payload
   std::optional<Packet> pending_;
   std::size_t expected_ = 0;
   std::size_t pending_bytes_ = 0;

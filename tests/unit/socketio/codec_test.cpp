@@ -212,6 +212,29 @@ TEST(SocketIoCodec, EncodesTheWireVectors) {
   EXPECT_EQ(acked.text, R"(461-15["bar",{"_placeholder":true,"num":0}])");
 }
 
+// Long strings are escaped a slice at a time: escapes on and around the slices' edges, and strings
+// made of nothing but escapes, come out as Boost.JSON's own serializer writes them.
+TEST(SocketIoCodec, EscapesLongStringsAcrossSlices) {
+  const auto with = [](std::size_t n, std::initializer_list<std::pair<std::size_t, char>> marks) {
+    std::string s(n, 'a');
+    for (const auto& [at, c] : marks) s[at] = c;
+    return s;
+  };
+  const std::string strings[] = {
+      with(4095, {{4094, '"'}}),
+      with(4096, {{4095, '\n'}, {0, '\x01'}}),
+      with(4097, {{4095, '\\'}, {4096, '"'}}),
+      with(9000, {{4096, '\x1f'}, {8191, '\t'}, {8192, '\b'}, {8999, '\f'}}),
+      std::string(5000, '\x02'),
+      std::string(4100, '"') + "\xc3\xa9",
+  };
+  for (const auto& s : strings) {
+    const Payload p{json::array{json::string(s)}, {}};
+    EXPECT_EQ(encodeEvent("e", p, std::nullopt).text, "42[\"e\"," + json::serialize(json::string(s)) + "]")
+        << s.size();
+  }
+}
+
 TEST(SocketIoCodec, BuildsEndpoints) {
   using Query = std::vector<std::pair<std::string, std::string>>;
   struct Case {
