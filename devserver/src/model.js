@@ -18,6 +18,7 @@ const { Invalid, isPlainObject } = require('./wire');
 const { Channels } = require('./channels');
 const { PeerMessages } = require('./peers');
 const { Users } = require('./users');
+const { Invitations } = require('./invitations');
 const log = require('./log');
 
 class App {
@@ -45,7 +46,7 @@ class Model {
   // options: {memberGraceMs}, read when used so that the control interface can change them.
   constructor(options) {
     this.options = options;
-    this.features = [new Channels(this), new PeerMessages(), new Users()];
+    this.features = [new Channels(this), new PeerMessages(), new Users(), new Invitations()];
     this.commands = new Map();
     for (const f of this.features) {
       for (const [name, command] of Object.entries(f.commands)) this.commands.set(name, { ...command, feature: f });

@@ -5,6 +5,7 @@
 #include "qnbrl/brl_channel.hpp"
 #include "qnbrl/brl_channel_types.hpp"
 #include "qnbrl/brl_delegate.hpp"
+#include "qnbrl/brl_invitation_kit.hpp"
 #include "qnbrl/brl_message.hpp"
 #include "qnbrl/brl_options.hpp"
 #include "qnbrl/brl_peer_types.hpp"
@@ -198,6 +199,10 @@ class QNBRL_EXPORT QNBRLKit {
   void getPeersUserAttributes(const std::vector<std::string>& peerIds, const std::vector<std::string>& keys,
                               PeersAttributesCompletion completion);
   /// @}
+
+  /// Call invitations: made on first use, the same kit afterwards. Until it is made, invitations
+  /// pushed to this client reach nobody.
+  std::shared_ptr<QNBRLInvitationKit> getBRLInvitationKit();
 
   /// @cond INTERNAL
   struct Impl;

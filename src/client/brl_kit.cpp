@@ -34,6 +34,7 @@ void QNBRLKit::Impl::release() {
   queue->cancelPending();
   // The application's channel objects outlive the client: their heartbeats stop with it.
   channels->logout();
+  if (auto kit = madeInvitationKit()) kit->impl().released = true;
   // On the main queue, where every other use of the socket manager runs; never waited for here.
   MainQueue::async([socketManager = socketManager] { socketManager->destroy(); });
 }

@@ -1,6 +1,7 @@
 #include "client/kit_impl.hpp"
 #include "diagnostics/log.hpp"
 #include "diagnostics/logan_manager.hpp"
+#include "invitations/invitation_store.hpp"
 #include "support/text.hpp"
 
 #include <algorithm>
@@ -181,6 +182,8 @@ void QNBRLKit::Impl::onDisconnect(QNBRLKit& kit, const sio::Payload& data) {
     case Step::closedByClient:
       stateManager->setState(1);
       debugInfo.logout();
+      // The connection is given up for good: no invitation is pending any more.
+      QNInvitationStore::shared().reset();
       return reportState(kit, QNBRLConnectionState::Disconnected, QNBRLConnectionChangeReason::LoggedOut,
                          true);
   }

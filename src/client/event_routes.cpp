@@ -46,6 +46,11 @@ constexpr Route kRoutes[] = {
          i.tell(&QNBRLDelegate::peersUserAttributesChanged, kit, users);
        });
      }},
+    {"InvitationNotify",
+     [](Impl& i, QNBRLKit&, const sio::Payload& d) {
+       auto invitation = QNBRLInvitationKit::Impl::invitationOf(d);
+       if (auto kit = i.madeInvitationKit(); kit && invitation) kit->impl().parseInvitation(invitation);
+     }},
 };
 
 }  // namespace

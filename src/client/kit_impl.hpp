@@ -8,6 +8,7 @@
 #include "channels/channel_registry.hpp"
 #include "client/debug_info.hpp"
 #include "client/state_helper.hpp"
+#include "invitations/invitation_kit.hpp"
 #include "transport/state_manager.hpp"
 #include "qnbrl/brl_kit.hpp"
 #include "peers/peer_attributes.hpp"
@@ -107,6 +108,12 @@ struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
   std::int64_t lastTavernServerIndex = 0;
   // The text of the last "disconnectReason", consumed by the "disconnect" that follows it.
   std::string serverReason;
+  // Made by the first getBRLInvitationKit; until then invitation pushes reach nobody.
+  std::shared_ptr<QNBRLInvitationKit> invitationKit;
+  std::shared_ptr<QNBRLInvitationKit> madeInvitationKit() const {
+    std::lock_guard lock(mutex);
+    return invitationKit;
+  }
 };
 
 template <class Member, class... Args>

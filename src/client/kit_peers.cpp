@@ -7,7 +7,8 @@ void QNBRLKit::setLocalUserAttributes(const std::vector<QNBRLAttribute>& attribu
   impl_->userAttributes->setLocalUserAttributes(attributes, std::move(completion));
 }
 
-void QNBRLKit::addOrUpdateLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes, Completion completion) {
+void QNBRLKit::addOrUpdateLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes,
+                                              Completion completion) {
   impl_->userAttributes->addOrUpdateLocalUserAttributes(attributes, std::move(completion));
 }
 
@@ -36,7 +37,8 @@ void QNBRLKit::unsubscribePeersOnlineStatus(const std::vector<std::string>& peer
   impl_->presence->unsubscribePeersOnlineStatus(peerIds, std::move(completion));
 }
 
-void QNBRLKit::queryPeersOnlineStatus(const std::vector<std::string>& peerIds, OnlineStatusCompletion completion) {
+void QNBRLKit::queryPeersOnlineStatus(const std::vector<std::string>& peerIds,
+                                      OnlineStatusCompletion completion) {
   impl_->presence->queryPeersOnlineStatus(peerIds, std::move(completion));
 }
 
@@ -52,11 +54,13 @@ void QNBRLKit::unsubscribePeersUserAttribes(const std::vector<std::string>& peer
   impl_->peerAttributes->unsubscribePeersUserAttribes(peerIds, std::move(completion));
 }
 
-void QNBRLKit::getPeersUserAttributes(const std::vector<std::string>& peerIds, PeersAttributesCompletion completion) {
+void QNBRLKit::getPeersUserAttributes(const std::vector<std::string>& peerIds,
+                                      PeersAttributesCompletion completion) {
   impl_->peerAttributes->getPeersUserAttributes(peerIds, std::move(completion));
 }
 
-void QNBRLKit::getPeersUserAttributes(const std::vector<std::string>& peerIds, const std::vector<std::string>& keys,
+void QNBRLKit::getPeersUserAttributes(const std::vector<std::string>& peerIds,
+                                      const std::vector<std::string>& keys,
                                       PeersAttributesCompletion completion) {
   impl_->peerAttributes->getPeersUserAttributes(peerIds, keys, std::move(completion));
 }

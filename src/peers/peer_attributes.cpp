@@ -23,7 +23,8 @@ constexpr Operation kSubscribe{
     .record = recordFailure,
     .interface = "-[QNBRLKit subscribePeersUserAttribes:completion:]",
     .action = "sub",
-    .logRequest = [](const boost::json::object& p) { QNLog::shared().info("subscribePeersUserAttribes: %@", p); },
+    .logRequest =
+        [](const boost::json::object& p) { QNLog::shared().info("subscribePeersUserAttribes: %@", p); },
     .recordFirst = true,
 };
 
@@ -33,7 +34,8 @@ constexpr Operation kUnsubscribe{
     .record = recordFailure,
     .interface = "-[QNBRLKit unsubscribePeersUserAttribes:completion:]",
     .action = "unsub",
-    .logRequest = [](const boost::json::object& p) { QNLog::shared().info("unsubscribePeersUserAttribes: %@", p); },
+    .logRequest =
+        [](const boost::json::object& p) { QNLog::shared().info("unsubscribePeersUserAttribes: %@", p); },
     .recordFirst = true,
 };
 
@@ -53,7 +55,8 @@ constexpr Operation kFetchByKeys{
     .record = recordFailure,
     .interface = "-[QNBRLKit getPeersUserAttributes:byKeys:completion:]",
     .action = "get",
-    .logRequest = [](const boost::json::object& p) { QNLog::shared().info("getPeersUserAttributesByKeys: %@", p); },
+    .logRequest =
+        [](const boost::json::object& p) { QNLog::shared().info("getPeersUserAttributesByKeys: %@", p); },
     .recordFirst = true,
 };
 
@@ -99,9 +102,12 @@ void QNPeerAttributes::getPeersUserAttributes(const std::vector<std::string>& pe
 }
 
 void QNPeerAttributes::getPeersUserAttributes(const std::vector<std::string>& peerIds,
-                                              const std::vector<std::string>& keys, FetchCompletion completion) const {
+                                              const std::vector<std::string>& keys,
+                                              FetchCompletion completion) const {
   fetch(kFetchByKeys, !keys.empty() && validPeerIds(peerIds),
-        {{"userIds", boost::json::array(peerIds.begin(), peerIds.end())}, {"attributeKeys", boost::json::array(keys.begin(), keys.end())}}, std::move(completion));
+        {{"userIds", boost::json::array(peerIds.begin(), peerIds.end())},
+         {"attributeKeys", boost::json::array(keys.begin(), keys.end())}},
+        std::move(completion));
 }
 
 void QNPeerAttributes::onPeersUserAttributesChanged(const sio::Payload& data, const Deliver& deliver) {
@@ -114,7 +120,8 @@ void QNPeerAttributes::onPeersUserAttributesChanged(const sio::Payload& data, co
 void QNPeerAttributes::restoreSubscribedAttributesOfPeers(std::vector<std::string> peerIds) {
   if (!requests_->loggedIn() || peerIds.empty()) return;
   subscribePeersUserAttribes(
-      peerIds, againOnFailure(weak_from_this(), &QNPeerAttributes::restoreSubscribedAttributesOfPeers, peerIds));
+      peerIds,
+      againOnFailure(weak_from_this(), &QNPeerAttributes::restoreSubscribedAttributesOfPeers, peerIds));
 }
 
 }  // namespace qnbrl

@@ -17,7 +17,8 @@ namespace qnbrl {
 class QNPeerAttributes : public std::enable_shared_from_this<QNPeerAttributes> {
  public:
   using Completion = std::function<void(int code)>;
-  using FetchCompletion = std::function<void(std::optional<std::vector<QNBRLUserAttributes>> users, int code)>;
+  using FetchCompletion =
+      std::function<void(std::optional<std::vector<QNBRLUserAttributes>> users, int code)>;
   using Deliver = std::function<void(const std::vector<QNBRLUserAttributes>& users)>;
 
   explicit QNPeerAttributes(std::shared_ptr<const RequestPath> requests) : requests_(std::move(requests)) {}

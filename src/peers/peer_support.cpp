@@ -24,7 +24,8 @@ boost::json::object userIdsPayload(const std::vector<std::string>& peerIds) {
 }
 
 void changeSubscription(const RequestPath& requests, const Operation& op, std::vector<std::string> peerIds,
-                        bool subscribe, const std::shared_ptr<PeerIdSet>& set, std::function<void(int)> completion,
+                        bool subscribe, const std::shared_ptr<PeerIdSet>& set,
+                        std::function<void(int)> completion,
                         std::function<void(const std::vector<std::string>&)> confirmed) {
   constexpr int kInvalidArgument = 2;  // both subscription families
   requests.send(op, {.refusal = validPeerIds(peerIds) ? 0 : kInvalidArgument,

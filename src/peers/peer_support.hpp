@@ -50,7 +50,8 @@ class PeerIdSet {
 // confirms, the ids join (or leave) `set` and `confirmed` runs, both before the completion; once the
 // set is gone (the client was released) the answer only completes.
 void changeSubscription(const RequestPath& requests, const Operation& op, std::vector<std::string> peerIds,
-                        bool subscribe, const std::shared_ptr<PeerIdSet>& set, std::function<void(int)> completion,
+                        bool subscribe, const std::shared_ptr<PeerIdSet>& set,
+                        std::function<void(int)> completion,
                         std::function<void(const std::vector<std::string>&)> confirmed = {});
 
 // The completion of a replay step: on any failure the step runs again with the same argument on the

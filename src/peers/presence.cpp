@@ -22,7 +22,8 @@ constexpr Operation kSubscribe{
     .record = recordFailure,
     .interface = "-[QNBRLKit subscribePeersOnlineStatus:completion:]",
     .action = "sub",
-    .logRequest = [](const boost::json::object& p) { QNLog::shared().info("subscribe user onlineStatus: %@", p); },
+    .logRequest =
+        [](const boost::json::object& p) { QNLog::shared().info("subscribe user onlineStatus: %@", p); },
     .recordFirst = true,
 };
 
@@ -33,7 +34,8 @@ constexpr Operation kUnsubscribe{
     .interface = "-[QNBRLKit unsubscribePeersOnlineStatus:completion:]",
     .action = "unsub",
     // The same text as the subscription's.
-    .logRequest = [](const boost::json::object& p) { QNLog::shared().info("subscribe user onlineStatus: %@", p); },
+    .logRequest =
+        [](const boost::json::object& p) { QNLog::shared().info("subscribe user onlineStatus: %@", p); },
     .recordFirst = true,
 };
 
@@ -43,7 +45,8 @@ constexpr Operation kQuery{
     .record = recordFailure,
     .interface = "-[QNBRLKit queryPeersOnlineStatus:completion:]",
     .action = "get",
-    .logRequest = [](const boost::json::object& p) { QNLog::shared().info("query user onlineStatus: %@", p); },
+    .logRequest =
+        [](const boost::json::object& p) { QNLog::shared().info("query user onlineStatus: %@", p); },
     .recordFirst = true,
 };
 
@@ -98,19 +101,21 @@ void QNPresence::unsubscribePeersOnlineStatus(std::vector<std::string> peerIds, 
                      });
 }
 
-void QNPresence::queryPeersOnlineStatus(const std::vector<std::string>& peerIds, StatusCompletion completion) const {
-  requests_->send(kQuery, {.refusal = validPeerIds(peerIds) ? 0 : QNBRLPeerOnlineStatusErrorInvalidArgument,
-                           .payload = userIdsPayload(peerIds),
-                           .finish = [completion = std::move(completion)](int code, const QNBRLResult* result) {
-                             std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses;
-                             if (code == 0) {
-                               statuses.emplace();
-                               // Replies say non-zero for online, unlike pushes.
-                               for (const auto& [peer, value] : responseIn(result, "status"))
-                                 statuses->push_back({std::string(peer), looseInteger(value).value_or(0) != 0});
-                             }
-                             callApplication(completion, std::move(statuses), code);
-                           }});
+void QNPresence::queryPeersOnlineStatus(const std::vector<std::string>& peerIds,
+                                        StatusCompletion completion) const {
+  requests_->send(kQuery,
+                  {.refusal = validPeerIds(peerIds) ? 0 : QNBRLPeerOnlineStatusErrorInvalidArgument,
+                   .payload = userIdsPayload(peerIds),
+                   .finish = [completion = std::move(completion)](int code, const QNBRLResult* result) {
+                     std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses;
+                     if (code == 0) {
+                       statuses.emplace();
+                       // Replies say non-zero for online, unlike pushes.
+                       for (const auto& [peer, value] : responseIn(result, "status"))
+                         statuses->push_back({std::string(peer), looseInteger(value).value_or(0) != 0});
+                     }
+                     callApplication(completion, std::move(statuses), code);
+                   }});
 }
 
 void QNPresence::queryPeersBySubscriptionOption(std::int64_t option, PeersCompletion completion) const {
@@ -120,7 +125,8 @@ void QNPresence::queryPeersBySubscriptionOption(std::int64_t option, PeersComple
                      std::optional<std::vector<std::string>> peerIds;
                      if (code == 0) {
                        peerIds.emplace();
-                       const auto* ids = result && result->response ? result->response->if_contains("userIds") : nullptr;
+                       const auto* ids =
+                           result && result->response ? result->response->if_contains("userIds") : nullptr;
                        if (ids && ids->is_array()) {
                          for (const auto& id : ids->get_array())
                            if (id.is_string()) peerIds->emplace_back(id.get_string());

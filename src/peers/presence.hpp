@@ -36,7 +36,8 @@ class QNBRLOnlinePeersManager {
 class QNPresence : public std::enable_shared_from_this<QNPresence> {
  public:
   using Completion = std::function<void(int code)>;
-  using StatusCompletion = std::function<void(std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses, int code)>;
+  using StatusCompletion =
+      std::function<void(std::optional<std::vector<QNBRLPeerOnlineStatus>> statuses, int code)>;
   using PeersCompletion = std::function<void(std::optional<std::vector<std::string>> peerIds, int code)>;
   using Deliver = std::function<void(const std::vector<QNBRLPeerOnlineStatus>& changes)>;
 

@@ -83,7 +83,9 @@ QNBRLLocalUserAttributes::Map mapOf(const std::vector<QNBRLAttribute>& attribute
   return map;
 }
 
-boost::json::array keysOf(const std::vector<std::string>& keys) { return boost::json::array(keys.begin(), keys.end()); }
+boost::json::array keysOf(const std::vector<std::string>& keys) {
+  return boost::json::array(keys.begin(), keys.end());
+}
 
 }  // namespace
 
@@ -131,41 +133,50 @@ void QNUserAttributes::write(const Operation& op, bool valid, boost::json::objec
                        }});
 }
 
-void QNUserAttributes::read(const Operation& op, const std::string& userId, bool valid, boost::json::object payload,
-                            AttributesCompletion completion) const {
-  requests_->send(op, {.refusal = valid ? 0 : QNBRLUserAttributeErrorInvalidArgument,
-                       .payload = std::move(payload),
-                       .finish = [userId, completion = std::move(completion)](int code, const QNBRLResult* result) {
-                         std::optional<std::vector<QNBRLAttribute>> attributes;
-                         if (result && code == 0)
-                           attributes = attributesOf(result->response ? result->response->if_contains("attributes")
-                                                                      : nullptr);
-                         callApplication(completion, std::move(attributes), userId, code);
-                       }});
+void QNUserAttributes::read(const Operation& op, const std::string& userId, bool valid,
+                            boost::json::object payload, AttributesCompletion completion) const {
+  requests_->send(
+      op, {.refusal = valid ? 0 : QNBRLUserAttributeErrorInvalidArgument,
+           .payload = std::move(payload),
+           .finish = [userId, completion = std::move(completion)](int code, const QNBRLResult* result) {
+             std::optional<std::vector<QNBRLAttribute>> attributes;
+             if (result && code == 0)
+               attributes =
+                   attributesOf(result->response ? result->response->if_contains("attributes") : nullptr);
+             callApplication(completion, std::move(attributes), userId, code);
+           }});
 }
 
-void QNUserAttributes::setLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes, Completion completion) {
-  write(kSet, !attributes.empty(), {{"attributes", attributeMap(attributes)}},
-        [map = mapOf(attributes)](QNBRLLocalUserAttributes& cache) { cache.setLocalUserAttributes(map); },
-        std::move(completion));
+void QNUserAttributes::setLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes,
+                                              Completion completion) {
+  write(
+      kSet, !attributes.empty(), {{"attributes", attributeMap(attributes)}},
+      [map = mapOf(attributes)](QNBRLLocalUserAttributes& cache) { cache.setLocalUserAttributes(map); },
+      std::move(completion));
 }
 
 void QNUserAttributes::addOrUpdateLocalUserAttributes(const std::vector<QNBRLAttribute>& attributes,
                                                       Completion completion) {
-  write(kAddOrUpdate, !attributes.empty(), {{"attributes", attributeMap(attributes)}},
-        [map = mapOf(attributes)](QNBRLLocalUserAttributes& cache) { cache.addOrUpdateLocalUserAttributes(map); },
-        std::move(completion));
+  write(
+      kAddOrUpdate, !attributes.empty(), {{"attributes", attributeMap(attributes)}},
+      [map = mapOf(attributes)](QNBRLLocalUserAttributes& cache) {
+        cache.addOrUpdateLocalUserAttributes(map);
+      },
+      std::move(completion));
 }
 
-void QNUserAttributes::deleteLocalUserAttributesByKeys(const std::vector<std::string>& keys, Completion completion) {
-  write(kDelete, !keys.empty(), {{"attributeKeys", keysOf(keys)}},
-        [keys](QNBRLLocalUserAttributes& cache) { cache.deleteLocalUserAttributesByKeys(keys); },
-        std::move(completion));
+void QNUserAttributes::deleteLocalUserAttributesByKeys(const std::vector<std::string>& keys,
+                                                       Completion completion) {
+  write(
+      kDelete, !keys.empty(), {{"attributeKeys", keysOf(keys)}},
+      [keys](QNBRLLocalUserAttributes& cache) { cache.deleteLocalUserAttributesByKeys(keys); },
+      std::move(completion));
 }
 
 void QNUserAttributes::clearLocalUserAttributesWithCompletion(Completion completion) {
-  write(kClear, true, {}, [](QNBRLLocalUserAttributes& cache) { cache.clearLocalUserAttributes(); },
-        std::move(completion));
+  write(
+      kClear, true, {}, [](QNBRLLocalUserAttributes& cache) { cache.clearLocalUserAttributes(); },
+      std::move(completion));
 }
 
 void QNUserAttributes::getUserAttributes(const std::string& userId, AttributesCompletion completion) const {
@@ -174,14 +185,15 @@ void QNUserAttributes::getUserAttributes(const std::string& userId, AttributesCo
 
 void QNUserAttributes::getUserAttributes(const std::string& userId, const std::vector<std::string>& keys,
                                          AttributesCompletion completion) const {
-  read(kGetByKeys, userId, !keys.empty() && isValidId(userId), {{"userId", userId}, {"attributeKeys", keysOf(keys)}},
-       std::move(completion));
+  read(kGetByKeys, userId, !keys.empty() && isValidId(userId),
+       {{"userId", userId}, {"attributeKeys", keysOf(keys)}}, std::move(completion));
 }
 
 void QNUserAttributes::restoreLocalUserAttributes(std::vector<QNBRLAttribute> attributes) {
   if (!requests_->loggedIn() || attributes.empty()) return;
-  setLocalUserAttributes(attributes, againOnFailure(weak_from_this(), &QNUserAttributes::restoreLocalUserAttributes,
-                                                    attributes));
+  setLocalUserAttributes(
+      attributes,
+      againOnFailure(weak_from_this(), &QNUserAttributes::restoreLocalUserAttributes, attributes));
 }
 
 }  // namespace qnbrl

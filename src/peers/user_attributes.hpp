@@ -35,8 +35,8 @@ class QNBRLLocalUserAttributes {
 class QNUserAttributes : public std::enable_shared_from_this<QNUserAttributes> {
  public:
   using Completion = std::function<void(int code)>;
-  using AttributesCompletion =
-      std::function<void(std::optional<std::vector<QNBRLAttribute>> attributes, const std::string& userId, int code)>;
+  using AttributesCompletion = std::function<void(std::optional<std::vector<QNBRLAttribute>> attributes,
+                                                  const std::string& userId, int code)>;
 
   explicit QNUserAttributes(std::shared_ptr<const RequestPath> requests) : requests_(std::move(requests)) {}
 
@@ -57,7 +57,8 @@ class QNUserAttributes : public std::enable_shared_from_this<QNUserAttributes> {
 
  private:
   using Confirm = std::function<void(QNBRLLocalUserAttributes& cache)>;
-  void write(const Operation& op, bool valid, boost::json::object payload, Confirm confirm, Completion completion);
+  void write(const Operation& op, bool valid, boost::json::object payload, Confirm confirm,
+             Completion completion);
   void read(const Operation& op, const std::string& userId, bool valid, boost::json::object payload,
             AttributesCompletion completion) const;
 

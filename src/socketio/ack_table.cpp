@@ -2,27 +2,32 @@
 
 #include "socketio/safe_call.hpp"
 
+#include <algorithm>
+#include <vector>
+
 namespace sio::detail {
 
-void AckTable::add(std::uint64_t id, Clock::duration timeout, AckCallback callback) {
-  auto deadline = Clock::current().now() + timeout;
-  pending_.emplace(id, std::move(callback));
-  deadlines_.emplace(deadline, id);
+std::uint64_t AckTable::add(Clock::duration timeout, AckCallback callback) {
+  const auto deadline = Clock::current().now() + timeout;
+  entries_.push_back(Entry{std::move(callback), deadline});
   if (deadline < armed_) arm(deadline);
+  return first_id_ + entries_.size() - 1;
 }
 
 void AckTable::answer(std::uint64_t id, const Payload& args) {
-  auto it = pending_.find(id);
-  if (it == pending_.end()) return;
-  auto callback = std::move(it->second);
-  pending_.erase(it);
+  if (id < first_id_ || id - first_id_ >= entries_.size()) return;
+  auto callback = std::move(entries_[id - first_id_].callback);
+  if (!callback) return;
   dropAnswered();
   safeCall(callback, args);
 }
 
-// Acknowledgements mostly come in order, so this keeps the heap as small as what is waiting.
+// Acknowledgements mostly come in order, so this keeps the table as small as what is waiting.
 void AckTable::dropAnswered() {
-  while (!deadlines_.empty() && !pending_.contains(deadlines_.top().second)) deadlines_.pop();
+  while (!entries_.empty() && !entries_.front().callback) {
+    entries_.pop_front();
+    ++first_id_;
+  }
 }
 
 void AckTable::arm(Clock::time_point deadline) {
@@ -35,20 +40,26 @@ void AckTable::arm(Clock::time_point deadline) {
 void AckTable::expire() {
   timer_.reset();
   armed_ = Clock::time_point::max();
-  auto now = Clock::current().now();
-  Payload no_ack;
-  no_ack.args.emplace_back(kNoAck);
-  while (!deadlines_.empty() && deadlines_.top().first <= now) {
-    auto id = deadlines_.top().second;
-    deadlines_.pop();
-    if (auto it = pending_.find(id); it != pending_.end()) {
-      auto callback = std::move(it->second);
-      pending_.erase(it);
-      safeCall(callback, no_ack);  // may add entries, and so arm the timer again
+  const auto now = Clock::current().now();
+  // Taken out first, as a callback may add entries (and so arm the timer again); answered in
+  // deadline order.
+  std::vector<Entry> due;
+  auto next = Clock::time_point::max();
+  for (auto& e : entries_) {
+    if (!e.callback) continue;
+    if (e.deadline <= now) {
+      due.push_back(std::move(e));
+      e.callback = nullptr;
+    } else if (e.deadline < next) {
+      next = e.deadline;
     }
   }
   dropAnswered();
-  if (!deadlines_.empty() && deadlines_.top().first < armed_) arm(deadlines_.top().first);
+  if (next < armed_) arm(next);
+  std::stable_sort(due.begin(), due.end(), [](const Entry& a, const Entry& b) { return a.deadline < b.deadline; });
+  Payload no_ack;
+  no_ack.args.emplace_back(kNoAck);
+  for (auto& e : due) safeCall(e.callback, no_ack);
 }
 
 }  // namespace sio::detail

@@ -5,11 +5,8 @@
 #include <boost/asio/any_io_executor.hpp>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
-#include <queue>
-#include <unordered_map>
-#include <utility>
-#include <vector>
 
 namespace sio::detail {
 
@@ -20,20 +17,27 @@ class AckTable : public std::enable_shared_from_this<AckTable> {
  public:
   explicit AckTable(boost::asio::any_io_executor ex) : ex_(std::move(ex)) {}
 
-  void add(std::uint64_t id, Clock::duration timeout, AckCallback callback);
+  // Registers `callback` under the next id (0, 1, 2, ...), which it returns.
+  std::uint64_t add(Clock::duration timeout, AckCallback callback);
   // The server's acknowledgement; an unknown id (never issued, answered or timed out) is ignored.
   void answer(std::uint64_t id, const Payload& args);
 
  private:
-  using Deadline = std::pair<Clock::time_point, std::uint64_t>;
+  struct Entry {
+    AckCallback callback;  // empty once answered
+    Clock::time_point deadline;
+  };
 
   void dropAnswered();
   void arm(Clock::time_point deadline);
   void expire();
 
   boost::asio::any_io_executor ex_;
-  std::unordered_map<std::uint64_t, AckCallback> pending_;
-  std::priority_queue<Deadline, std::vector<Deadline>, std::greater<>> deadlines_;
+  // Ids are issued in order, so an entry is found by its distance from the oldest one: no hashing,
+  // no allocation per entry. An answered entry stays as a hole until those before it are answered
+  // too, which bounds the holes by what is issued within the longest pending time-out.
+  std::deque<Entry> entries_;
+  std::uint64_t first_id_ = 0;  // the id of entries_.front()
   TimerPtr timer_;
   Clock::time_point armed_ = Clock::time_point::max();
 };

@@ -3,6 +3,10 @@
 #include "socketio/engine.hpp"
 #include "socketio/websocket_transport.hpp"
 
+#include <boost/asio/io_context.hpp>
+
+#include <stdexcept>
+
 namespace sio {
 
 void Responder::operator()(const Payload& args) const {
@@ -25,14 +29,14 @@ void Socket::connect(std::chrono::milliseconds timeout, std::function<void()> on
 
 void Socket::emit(std::string event, Payload args) {
   engine_->run([event = std::move(event), args = std::move(args)](detail::Engine& e) mutable {
-    e.emit(std::move(event), std::move(args), std::nullopt, nullptr);
+    e.emit(event, args, std::nullopt, nullptr);
   });
 }
 
 void Socket::emitWithAck(std::string event, Payload args, std::chrono::milliseconds timeout, AckCallback callback) {
   engine_->run([event = std::move(event), args = std::move(args), timeout,
                 callback = std::move(callback)](detail::Engine& e) mutable {
-    e.emit(std::move(event), std::move(args), timeout, std::move(callback));
+    e.emit(event, args, timeout, std::move(callback));
   });
 }
 
@@ -43,8 +47,17 @@ void Socket::disconnect() {
 std::string Socket::sid() const { return engine_->sid(); }
 Socket::Status Socket::status() const { return engine_->status(); }
 
+namespace {
+boost::asio::any_io_executor loopExecutor(boost::asio::any_io_executor executor) {
+  if (!executor.target<boost::asio::io_context::executor_type>()) {
+    throw std::invalid_argument("sio::Manager needs an io_context's executor");
+  }
+  return executor;
+}
+}  // namespace
+
 Manager::Manager(boost::asio::any_io_executor executor, std::string url, Options options)
-    : Manager(std::make_shared<detail::Engine>(std::move(executor), url, std::move(options),
+    : Manager(std::make_shared<detail::Engine>(loopExecutor(std::move(executor)), std::move(url), std::move(options),
                                                detail::makeWebSocketTransport)) {}
 
 Manager::Manager(std::shared_ptr<detail::Engine> engine) : socket_(new Socket(std::move(engine))) {}

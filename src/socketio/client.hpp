@@ -107,6 +107,8 @@ class Socket {
 // ["NO ACK"] at their time-out.
 class Manager {
  public:
+  // `executor` must be an io_context's (std::invalid_argument otherwise): the connection runs on
+  // that concrete type.
   Manager(boost::asio::any_io_executor executor, std::string url, Options options);
   // Over an engine built elsewhere, e.g. on an in-memory transport.
   explicit Manager(std::shared_ptr<detail::Engine> engine);

@@ -2,16 +2,20 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/parser.hpp>
-#include <boost/json/serializer.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace sio {
 
@@ -34,118 +38,325 @@ constexpr std::size_t kMaxJsonDepth = 64;
 // An open packet is a hundred bytes or so.
 constexpr std::size_t kHandshakeMemory = 64 * 1024;
 
-// Meters what parsing one payload allocates (the parser's stack and the value) against a budget.
-// The budget ends with the parse: the value, and the copies the application makes of it (which
-// share this resource), allocate freely afterwards.
-class Budget final : public json::memory_resource {
+// What one packet's JSON takes to parse (the value, and the parser's stack beyond its buffer on the
+// C++ stack), carved from blocks that all go at once with the last value using them: one allocation
+// for a typical packet instead of one per node, and nothing to free node by node. Parsing is metered
+// against a budget. Once sealed, what the application adds to the value or its copies (which share
+// this resource) comes from the heap, with no state that changes, so any thread may do it.
+class PacketArena final : public json::memory_resource {
  public:
-  // The shared holder keeps the resource out of reach: it tells where it is through `self`.
-  Budget(std::size_t bytes, Budget*& self) : left_(bytes) { self = this; }
-  // Called before the value leaves the parsing thread, so later allocations elsewhere never read a
-  // changing budget.
-  void lift() { metered_ = false; }
+  // The shared holder keeps the resource out of reach: it tells where it is through `self`. The
+  // first block beyond the inline one is sized for `text` bytes of JSON: a value that outlives its
+  // handler pins the whole arena, so it stays near the packet's own size.
+  PacketArena(std::size_t& budget, std::size_t text, PacketArena*& self) : left_(&budget), grow_(2 * text + 256) {
+    self = this;
+  }
+  ~PacketArena() override {
+    while (extra_) ::operator delete(std::exchange(extra_, extra_->next));
+  }
+  PacketArena(const PacketArena&) = delete;
+  PacketArena& operator=(const PacketArena&) = delete;
+  // Called before the value leaves the parsing thread; the budget is not touched afterwards.
+  void seal() {
+    sealed_ = true;
+    left_ = nullptr;
+  }
 
  private:
-  void* do_allocate(std::size_t n, std::size_t) override {
-    if (metered_) {
-      if (n > left_) throw std::bad_alloc();
-      left_ -= n;
+  struct Block {
+    Block* next;
+    std::size_t size;  // of the bytes that follow
+  };
+  // Room for a small packet (an acknowledgement, a short event) in the arena's own allocation.
+  static constexpr std::size_t kInline = 512 - 64;
+
+  static std::uintptr_t address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+  static std::uintptr_t alignUp(std::uintptr_t a, std::size_t align) { return (a + align - 1) & ~(align - 1); }
+
+  void* do_allocate(std::size_t n, std::size_t align) override {
+    if (sealed_) return ::operator new(n);
+    if (n > *left_) throw std::bad_alloc();
+    *left_ -= n;
+    auto p = alignUp(next_, align);
+    if (p + n > end_) {
+      const std::size_t size = std::max(n + align, std::exchange(grow_, grow_ * 2));
+      auto* b = static_cast<Block*>(::operator new(sizeof(Block) + size));
+      *b = Block{extra_, size};
+      extra_ = b;
+      next_ = address(b + 1);
+      end_ = next_ + size;
+      p = alignUp(next_, align);
     }
-    return ::operator new(n);
+    next_ = p + n;
+    return reinterpret_cast<void*>(p);
   }
-  void do_deallocate(void* p, std::size_t n, std::size_t) override {
-    if (metered_) left_ += n;
-    ::operator delete(p);
+  void do_deallocate(void* p, std::size_t, std::size_t) override {
+    if (sealed_ && !owns(p)) ::operator delete(p);
+  }
+  bool owns(const void* p) const {
+    const auto a = address(p);
+    if (a >= address(inline_) && a < address(inline_ + kInline)) return true;
+    for (const Block* b = extra_; b; b = b->next) {
+      if (a >= address(b + 1) && a < address(b + 1) + b->size) return true;
+    }
+    return false;
   }
   bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
 
-  std::size_t left_;
-  bool metered_ = true;
+  std::size_t* left_;  // the packet's budget, shared with the parser's stack
+  bool sealed_ = false;
+  Block* extra_ = nullptr;
+  std::size_t grow_;
+  alignas(std::max_align_t) unsigned char inline_[kInline];
+  std::uintptr_t next_ = address(inline_);
+  std::uintptr_t end_ = next_ + kInline;
 };
 
-// No JSON text takes more than 36 times its size to parse (a run of one-digit numbers, the parser's
-// stack just doubled): a payload too short to reach its budget, as nearly all are, is not metered.
-constexpr std::size_t kDensestJson = 48;
+// A parser whose stack (on the heap, metered against the same budget as the packet's arena) is kept
+// from packet to packet instead of being set up and grown again for each.
+class JsonReader {
+ public:
+  JsonReader() : stack_(budget_) { recover(); }
+
+  Result<json::value> parse(std::string_view text, std::size_t budget) {
+    using R = Result<json::value>;
+    budget_ = budget > stack_.held() ? budget - stack_.held() : 0;
+    PacketArena* arena = nullptr;
+    try {
+      parser_->reset(json::make_shared_resource<PacketArena>(budget_, text.size(), arena));
+      boost::system::error_code ec;
+      parser_->write(text.data(), text.size(), ec);
+      if (ec) {
+        recover();
+        return R::fail("payload is not valid JSON");
+      }
+      auto value = parser_->release();
+      arena->seal();
+      if (stack_.held() > kStackKept) recover();
+      return ok(std::move(value));
+    } catch (const std::bad_alloc&) {
+      recover();
+      return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
+    }
+  }
+
+ private:
+  // Counts what the parser's stack holds against the current packet's budget.
+  class MeteredHeap final : public json::memory_resource {
+   public:
+    explicit MeteredHeap(std::size_t& budget) : budget_(budget) {}
+    std::size_t held() const { return held_; }
+
+   private:
+    void* do_allocate(std::size_t n, std::size_t) override {
+      if (n > budget_) throw std::bad_alloc();
+      void* p = ::operator new(n);
+      budget_ -= n;
+      held_ += n;
+      return p;
+    }
+    void do_deallocate(void* p, std::size_t n, std::size_t) override {
+      ::operator delete(p);
+      held_ -= n;
+      budget_ += n;
+    }
+    bool do_is_equal(const json::memory_resource& other) const noexcept override { return this == &other; }
+    std::size_t& budget_;
+    std::size_t held_ = 0;
+  };
+
+  // A hostile packet may have grown the stack: a connection keeps no more than a typical one needs.
+  static constexpr std::size_t kStackKept = 16 * 1024;
+
+  static json::parse_options options() {
+    json::parse_options o;
+    o.max_depth = kMaxJsonDepth;
+    return o;
+  }
+  // A fresh parser: drops a half-built value (and with it the packet's arena) and an oversized stack.
+  void recover() {
+    parser_.reset();
+    budget_ = std::numeric_limits<std::size_t>::max();  // set again for each packet
+    parser_.emplace(json::storage_ptr(&stack_), options());
+  }
+
+  std::size_t budget_ = 0;
+  MeteredHeap stack_;
+  std::optional<json::parser> parser_;
+};
 
 Result<json::value> parseJson(std::string_view text, std::size_t budget) {
-  using R = Result<json::value>;
-  json::parse_options options;
-  options.max_depth = kMaxJsonDepth;
-  Budget* meter = nullptr;
-  json::storage_ptr storage;
-  if (text.size() > budget / kDensestJson) storage = json::make_shared_resource<Budget>(budget, meter);
-  unsigned char stack[BOOST_JSON_STACK_BUFFER_SIZE];
-  json::parser parser(storage, options, stack);
-  parser.reset(storage);
-  try {
-    boost::system::error_code ec;
-    parser.write(text.data(), text.size(), ec);
-    if (ec) return R::fail("payload is not valid JSON");
-    auto value = parser.release();
-    if (meter) meter->lift();
-    return ok(std::move(value));
-  } catch (const std::bad_alloc&) {
-    return R::fail("payload needs more than " + std::to_string(budget) + " bytes to decode");
+  JsonReader reader;
+  return reader.parse(text, budget);
+}
+
+// Writes into a string through a raw cursor: each piece first makes room for its worst case (one
+// compare, inlined), then stores without checks; the string is cut to length once at the end.
+class Writer {
+ public:
+  explicit Writer(std::string& out) : out_(out) {
+    // Room for a typical packet at once; resize zero-fills, so no more than that.
+    out_.resize(std::max<std::size_t>(out_.size() + 224, out_.capacity()));
+    p_ = out_.data();
+    end_ = p_ + out_.size();
+  }
+  ~Writer() { out_.resize(static_cast<std::size_t>(p_ - out_.data())); }  // before the string is read
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  // At least n bytes free at the returned cursor; advance() with where the writing ended.
+  char* room(std::size_t n) {
+    if (static_cast<std::size_t>(end_ - p_) < n) grow(n);
+    return p_;
+  }
+  void advance(char* to) { p_ = to; }
+
+  void put(char c) { *room(1) = c, ++p_; }
+  void put(std::string_view s) {
+    std::memcpy(room(s.size()), s.data(), s.size());
+    p_ += s.size();
+  }
+  template <class N>
+  void number(N n) {
+    p_ = std::to_chars(room(32), end_, n).ptr;
+  }
+  // Shortest round-trip form, kept a fraction (1.0, not 1) so that a peer reads it back as one.
+  void real(double d) {
+    char* start = room(32 + 2);
+    p_ = std::to_chars(start, end_, d).ptr;
+    if (std::string_view(start, static_cast<std::size_t>(p_ - start)).find_first_of(".e") == std::string_view::npos) {
+      *p_++ = '.';
+      *p_++ = '0';
+    }
+  }
+
+ private:
+  [[gnu::noinline]] void grow(std::size_t n) {
+    const auto used = static_cast<std::size_t>(p_ - out_.data());
+    out_.resize(std::max(2 * out_.size(), used + n + 224));
+    p_ = out_.data() + used;
+    end_ = out_.data() + out_.size();
+  }
+  std::string& out_;
+  char* p_ = nullptr;
+  char* end_ = nullptr;
+};
+
+// Whether any of the eight bytes in `x` is a control character, '"' or '\\' (bit tricks: a byte
+// below n makes (b - n) borrow into its top bit).
+bool needsEscape(std::uint64_t x) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
+  const auto below = [&](std::uint64_t v, unsigned n) { return (v - kOnes * n) & ~v & kHigh; };
+  return (below(x, 0x20) | below(x ^ (kOnes * '"'), 1) | below(x ^ (kOnes * '\\'), 1)) != 0;
+}
+
+// What each byte becomes inside a JSON string, as the reference serializers escape it: 0 for
+// itself, a letter for a two-character escape, 'u' for \u00XX.
+constexpr auto kEscapes = [] {
+  std::array<char, 256> t{};
+  for (int c = 0; c < 0x20; ++c) t[static_cast<std::size_t>(c)] = 'u';
+  t['"'] = '"';
+  t['\\'] = '\\';
+  t['\b'] = 'b';
+  t['\f'] = 'f';
+  t['\n'] = 'n';
+  t['\r'] = 'r';
+  t['\t'] = 't';
+  return t;
+}();
+
+// Escapes `s` into `p`, which has room for 6 bytes per input byte; returns the end.
+char* escapeInto(char* p, const char* s, std::size_t n) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::size_t i = 0;
+  // Strings rarely need escapes: copy them eight bytes at a time while none is needed.
+  for (std::uint64_t x; i + 8 <= n && (std::memcpy(&x, s + i, 8), !needsEscape(x)); i += 8, p += 8) {
+    std::memcpy(p, &x, 8);
+  }
+  for (; i < n; ++i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    const char e = kEscapes[c];
+    if (e == 0) {
+      *p++ = static_cast<char>(c);
+    } else if (e != 'u') {
+      *p++ = '\\';
+      *p++ = e;
+    } else {
+      const char escaped[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
+      std::memcpy(p, escaped, 6);
+      p += 6;
+    }
+  }
+  return p;
+}
+
+// A JSON string. Room is made a slice at a time, so a long string never asks for six times its size.
+void writeString(Writer& w, std::string_view s) {
+  constexpr std::size_t kSlice = 4096;
+  char* p = w.room(std::min(s.size(), kSlice) * 6 + 2);
+  *p++ = '"';
+  while (s.size() > kSlice) {
+    w.advance(escapeInto(p, s.data(), kSlice));
+    s.remove_prefix(kSlice);
+    p = w.room(std::min(s.size(), kSlice) * 6 + 1);
+  }
+  p = escapeInto(p, s.data(), s.size());
+  *p++ = '"';
+  w.advance(p);
+}
+
+// Serializes in one walk. JSON has no Infinity or NaN: they go out as null, as JSON.stringify
+// writes them (the server would close the connection on anything else).
+void writeJson(Writer& w, const json::value& v) {
+  switch (v.kind()) {
+    case json::kind::null:
+      return w.put("null");
+    case json::kind::bool_:
+      return v.get_bool() ? w.put("true") : w.put("false");
+    case json::kind::int64:
+      return w.number(v.get_int64());
+    case json::kind::uint64:
+      return w.number(v.get_uint64());
+    case json::kind::double_:
+      if (!std::isfinite(v.get_double())) return w.put("null");
+      return w.real(v.get_double());
+    case json::kind::string: {
+      const auto& s = v.get_string();
+      return writeString(w, std::string_view(s.data(), s.size()));
+    }
+    case json::kind::array: {
+      char sep = '[';
+      for (const auto& e : v.get_array()) {
+        w.put(std::exchange(sep, ','));
+        writeJson(w, e);
+      }
+      return sep == '[' ? w.put("[]") : w.put(']');
+    }
+    case json::kind::object: {
+      char sep = '{';
+      for (const auto& e : v.get_object()) {
+        w.put(std::exchange(sep, ','));
+        writeString(w, std::string_view(e.key().data(), e.key().size()));
+        w.put(':');
+        writeJson(w, e.value());
+      }
+      return sep == '{' ? w.put("{}") : w.put('}');
+    }
   }
 }
 
-// Serializes straight into the tail of `out`, growing it as the serializer asks for room.
-template <class T>
-void appendJson(std::string& out, const T& v) {
-  json::serializer sr;
-  sr.reset(&v);
-  while (!sr.done()) {
-    const std::size_t used = out.size();
-    out.resize(std::max(out.capacity(), used + 64));
-    out.resize(used + sr.read(out.data() + used, out.size() - used).size());
+// The arguments as a JSON array, after the event name when there is one.
+void writeArgs(Writer& w, std::optional<std::string_view> event, const json::array& args) {
+  char sep = '[';
+  if (event) {
+    w.put(std::exchange(sep, ','));
+    writeString(w, *event);
   }
-}
-
-// JSON has no Infinity or NaN, and Boost.JSON writes them as such; the server would close the
-// connection on them. They go out as null, as JSON.stringify writes them. The check walks without
-// allocating; only a payload that has one pays for a copy.
-bool hasNonFinite(const json::value& v);
-bool hasNonFinite(const json::array& a) {
-  return std::any_of(a.begin(), a.end(), [](const json::value& e) { return hasNonFinite(e); });
-}
-bool hasNonFinite(const json::object& o) {
-  return std::any_of(o.begin(), o.end(), [](const json::key_value_pair& e) { return hasNonFinite(e.value()); });
-}
-bool hasNonFinite(const json::value& v) {
-  if (const auto* d = v.if_double()) return !std::isfinite(*d);
-  if (const auto* a = v.if_array()) return hasNonFinite(*a);
-  if (const auto* o = v.if_object()) return hasNonFinite(*o);
-  return false;
-}
-
-void nullNonFinite(json::value& v);
-void nullNonFinite(json::array& a) {
-  for (auto& e : a) nullNonFinite(e);
-}
-void nullNonFinite(json::object& o) {
-  for (auto& e : o) nullNonFinite(e.value());
-}
-void nullNonFinite(json::value& v) {
-  if (const auto* d = v.if_double(); d && !std::isfinite(*d)) {
-    v = nullptr;
-  } else if (auto* a = v.if_array()) {
-    nullNonFinite(*a);
-  } else if (auto* o = v.if_object()) {
-    nullNonFinite(*o);
+  for (const auto& e : args) {
+    w.put(std::exchange(sep, ','));
+    writeJson(w, e);
   }
-}
-
-void appendFiniteJson(std::string& out, const json::array& args) {
-  if (!hasNonFinite(args)) return appendJson(out, args);
-  json::array copy(args);
-  nullNonFinite(copy);
-  appendJson(out, copy);
-}
-
-void appendNumber(std::string& out, std::uint64_t n) {
-  char digits[20];
-  const auto end = std::to_chars(digits, digits + sizeof digits, n).ptr;
-  out.append(digits, end);
+  sep == '[' ? w.put("[]") : w.put(']');
 }
 
 // A JSON integer in [1, max], or nothing.
@@ -205,26 +416,24 @@ const char* payloadError(PacketType type, const json::value* payload) {
   return "unknown packet type";
 }
 
-// The text frame's head: '4', the packet type, and the attachment count for binary packets.
-std::string packetHead(PacketType plain, PacketType binary, std::size_t attachments) {
-  std::string text;
-  text.reserve(128);
-  text += '4';
-  if (attachments == 0) {
-    text += static_cast<char>('0' + static_cast<int>(plain));
-  } else {
-    text += static_cast<char>('0' + static_cast<int>(binary));
-    appendNumber(text, attachments);
-    text += '-';
-  }
-  return text;
-}
-
+// The text frame: '4', the packet type (with the attachment count for binary packets), the ack id,
+// the arguments.
 Frames encodeArgs(PacketType plain, PacketType binary, std::optional<std::uint64_t> id,
-                  const Payload& payload) {
-  Frames out{packetHead(plain, binary, payload.buffers.size()), payload.buffers};
-  if (id) appendNumber(out.text, *id);
-  appendFiniteJson(out.text, payload.args);
+                  std::optional<std::string_view> event, const Payload& payload) {
+  Frames out{{}, payload.buffers};
+  {
+    Writer w(out.text);
+    w.put('4');
+    if (payload.buffers.empty()) {
+      w.put(static_cast<char>('0' + static_cast<int>(plain)));
+    } else {
+      w.put(static_cast<char>('0' + static_cast<int>(binary)));
+      w.number(payload.buffers.size());
+      w.put('-');
+    }
+    if (id) w.number(*id);
+    writeArgs(w, event, payload.args);
+  }
   return out;
 }
 
@@ -322,18 +531,27 @@ Frames encodeDisconnect() {
   return Frames{"41", {}};
 }
 
-Frames encodeEvent(const Payload& payload, std::optional<std::uint64_t> ack_id) {
-  return encodeArgs(PacketType::Event, PacketType::BinaryEvent, ack_id, payload);
+Frames encodeEvent(std::string_view event, const Payload& payload, std::optional<std::uint64_t> ack_id) {
+  return encodeArgs(PacketType::Event, PacketType::BinaryEvent, ack_id, event, payload);
 }
 
 Frames encodeAck(std::uint64_t ack_id, const Payload& payload) {
-  return encodeArgs(PacketType::Ack, PacketType::BinaryAck, ack_id, payload);
+  return encodeArgs(PacketType::Ack, PacketType::BinaryAck, ack_id, std::nullopt, payload);
 }
 
 bool isReservedEventName(std::string_view name) {
   return name == "connect" || name == "connect_error" || name == "disconnect" || name == "disconnecting" ||
          name == "newListener" || name == "removeListener";
 }
+
+namespace {
+// Built in place: each move of a packet touches its JSON's shared memory resource.
+Result<Decoder::Output> complete(Packet&& packet) {
+  Result<Decoder::Output> r;
+  r.value.emplace(std::in_place_type<Packet>, std::move(packet));
+  return r;
+}
+}  // namespace
 
 Result<Decoder::Output> Decoder::onText(std::string_view data) {
   using R = Result<Output>;
@@ -381,7 +599,10 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
   }
 
   if (i < data.size()) {
-    auto payload = parseJson(data.substr(i), limits_.json_memory);
+    // Per thread, not per connection: an idle connection holds no parser. Parsing calls out to
+    // nothing, so no other decoder on this thread can re-enter it.
+    static thread_local JsonReader reader;
+    auto payload = reader.parse(data.substr(i), limits_.json_memory);
     if (!payload) return R::fail(payload.error);
     // Constructed in place: assigning a value from another memory resource would copy it.
     std::destroy_at(&packet.data);
@@ -400,7 +621,7 @@ Result<Decoder::Output> Decoder::onText(std::string_view data) {
       return ok(Output{});
     }
   }
-  return ok(Output{std::move(packet)});
+  return complete(std::move(packet));
 }
 
 Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
@@ -417,9 +638,9 @@ Result<Decoder::Output> Decoder::onBinary(BufferPtr frame) {
   }
   pending_->buffers.push_back(std::move(frame));
   if (pending_->buffers.size() < expected_) return ok(Output{});
-  Packet done = std::move(*pending_);
+  auto done = complete(std::move(*pending_));
   reset();
-  return ok(Output{std::move(done)});
+  return done;
 }
 
 Result<Endpoint> buildEndpoint(std::string_view base_url, std::string_view path,

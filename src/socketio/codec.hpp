@@ -81,10 +81,11 @@ struct Frames {
   std::vector<BufferPtr> binary;
 };
 
-// Encodes CONNECT, DISCONNECT, EVENT/ACK (binary types chosen from the payload).
+// Encodes CONNECT, DISCONNECT, EVENT/ACK (binary types chosen from the payload). The event name is
+// written ahead of the arguments. Numbers that are not finite go out as null, as JSON has them.
 Frames encodeConnect();
 Frames encodeDisconnect();
-Frames encodeEvent(const Payload& payload, std::optional<std::uint64_t> ack_id);
+Frames encodeEvent(std::string_view event, const Payload& payload, std::optional<std::uint64_t> ack_id);
 Frames encodeAck(std::uint64_t ack_id, const Payload& payload);
 
 // Event names the server refuses (it closes the whole connection on them).

@@ -29,7 +29,7 @@ std::string Engine::sid() const {
 }
 
 void Engine::on(std::string event, EventHandler handler) {
-  if (!abandoned_) handlers_[std::move(event)] = std::move(handler);
+  if (!abandoned_) handlers_[std::move(event)] = std::make_shared<const EventHandler>(std::move(handler));
 }
 
 void Engine::abandon() {
@@ -104,7 +104,7 @@ void Engine::onText(std::string_view frame) {
     case engine::Type::Message: {
       auto out = decoder_.onText(packet.value->data);
       if (!out) return close("Parse error: " + out.error, true);
-      if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(std::move(*p));
+      if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(*p);
       return;
     }
     case engine::Type::Pong:
@@ -118,10 +118,10 @@ void Engine::onBinary(BufferPtr frame) {
   if (stage_ != Stage::EngineOpen) return close(kPacketBeforeOpen, true);
   auto out = decoder_.onBinary(std::move(frame));
   if (!out) return close("Parse error: " + out.error, true);
-  if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(std::move(*p));
+  if (auto* p = std::get_if<Packet>(&*out.value)) onPacket(*p);
 }
 
-void Engine::onPacket(Packet packet) {
+void Engine::onPacket(Packet& packet) {
   if (packet.nsp != "/") return;  // only the default namespace is used
   switch (packet.type) {
     case PacketType::Connect:
@@ -139,10 +139,10 @@ void Engine::onPacket(Packet packet) {
       return close(reason::kServerDisconnect, true);
     case PacketType::Event:
     case PacketType::BinaryEvent:
-      return deliverEvent(std::move(packet));
+      return deliverEvent(packet);
     case PacketType::Ack:
     case PacketType::BinaryAck:
-      return deliverAck(std::move(packet));
+      return deliverAck(packet);
   }
 }
 
@@ -166,14 +166,16 @@ void Engine::onConnectReply(const Packet& packet) {
   fire("connect", Payload{});
 }
 
-void Engine::deliverEvent(Packet packet) {
+void Engine::deliverEvent(Packet& packet) {
   auto* args = packet.data.if_array();
   if (!args || args->empty()) return;
-  std::string name;
+  std::string number;  // a name that is a number is looked up as its text
+  std::string_view name;
   if (auto* s = (*args)[0].if_string()) {
-    name.assign(s->data(), s->size());
+    name = std::string_view(s->data(), s->size());
   } else {
-    name = boost::json::serialize((*args)[0]);
+    number = boost::json::serialize((*args)[0]);
+    name = number;
   }
   auto it = handlers_.find(name);
   if (it == handlers_.end()) return;
@@ -191,12 +193,12 @@ void Engine::deliverEvent(Packet packet) {
           }
         });
   }
-  // A copy: the handler may replace or remove itself while it runs.
-  auto handler = it->second;
-  if (!abandoned_.load()) safeCall(handler, payload, responder);
+  // Held: the handler may replace or remove itself while it runs.
+  const auto handler = it->second;
+  if (!abandoned_.load()) safeCall(*handler, payload, responder);
 }
 
-void Engine::deliverAck(Packet packet) {
+void Engine::deliverAck(Packet& packet) {
   if (!packet.id) return;
   // Constructed, not assigned: the arguments keep the memory resource they were parsed into.
   auto* args = packet.data.if_array();
@@ -204,17 +206,13 @@ void Engine::deliverAck(Packet packet) {
   acks_->answer(*packet.id, payload);
 }
 
-void Engine::emit(std::string event, Payload args, std::optional<std::chrono::milliseconds> timeout,
-                  AckCallback callback) {
+void Engine::emit(std::string_view event, const Payload& args, std::optional<std::chrono::milliseconds> timeout,
+                  AckCallback&& callback) {
   std::optional<std::uint64_t> id;
-  if (timeout) {
-    id = next_ack_id_++;
-    acks_->add(*id, *timeout, std::move(callback));
-  }
+  if (timeout) id = acks_->add(*timeout, std::move(callback));
   auto s = status_.load();
   if (abandoned_ || s == Socket::Status::Disconnected || isReservedEventName(event)) return;
-  args.args.insert(args.args.begin(), boost::json::value(event));
-  auto frames = encodeEvent(args, id);
+  auto frames = encodeEvent(event, args, id);
   if (!validUtf8(frames.text)) return;
   if (s == Socket::Status::Connected) {
     transmit(std::move(frames));
@@ -252,8 +250,8 @@ void Engine::armHeartbeat() {
 void Engine::fire(const std::string& event, const Payload& args, const Responder& responder) {
   auto it = handlers_.find(event);
   if (it == handlers_.end()) return;
-  auto handler = it->second;
-  if (!abandoned_.load()) safeCall(handler, args, responder);
+  const auto handler = it->second;
+  if (!abandoned_.load()) safeCall(*handler, args, responder);
 }
 
 void Engine::close(const std::string& why, bool report) {

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -48,8 +49,8 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
   void on(std::string event, EventHandler handler);
   void connect(std::chrono::milliseconds timeout, std::function<void()> on_timeout);
   void disconnect();
-  void emit(std::string event, Payload args, std::optional<std::chrono::milliseconds> timeout,
-            AckCallback callback);
+  void emit(std::string_view event, const Payload& args, std::optional<std::chrono::milliseconds> timeout,
+            AckCallback&& callback);
   // The owner is gone: close without telling anyone. From any thread, without waiting: no handler
   // begins once it has returned. Pending acknowledgements keep their time-outs.
   void abandon();
@@ -61,10 +62,11 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
 
  private:
   void setStatus(Socket::Status s) { status_.store(s); }
-  void onPacket(Packet packet);
+  // Packets are handed down by reference: each move of one touches its JSON's shared memory resource.
+  void onPacket(Packet& packet);
   void onConnectReply(const Packet& packet);
-  void deliverEvent(Packet packet);
-  void deliverAck(Packet packet);
+  void deliverEvent(Packet& packet);
+  void deliverAck(Packet& packet);
   void transmit(Frames frames);
   void armHeartbeat();
   void fire(const std::string& event, const Payload& args, const Responder& responder = {});
@@ -81,9 +83,13 @@ class Engine final : public TransportListener, public std::enable_shared_from_th
 
   // Set by the owner's thread, read right before each handler call.
   std::atomic<bool> abandoned_{false};
-  std::unordered_map<std::string, EventHandler> handlers_;
+  // Looked up by the name's view, without a copy; shared so that a handler may replace or remove
+  // itself while it runs, without copying it for each event.
+  struct NameHash : std::hash<std::string_view> {
+    using is_transparent = void;
+  };
+  std::unordered_map<std::string, std::shared_ptr<const EventHandler>, NameHash, std::equal_to<>> handlers_;
   std::shared_ptr<AckTable> acks_;
-  std::uint64_t next_ack_id_ = 0;
   std::vector<Frames> outbox_;  // emits made before the server accepted the connection
   std::shared_ptr<Transport> transport_;
   Decoder decoder_;

@@ -2,6 +2,8 @@
 
 #include "socketio/tls.hpp"
 
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/ssl.hpp>
@@ -18,6 +20,11 @@ namespace net = boost::asio;
 namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 using tcp = net::ip::tcp;
+// A plain socket on the loop's own executor type: no polymorphic executor and no per-operation timer
+// bookkeeping on the hot path. The engine's connect and heartbeat time-outs bound every wait.
+using Executor = net::io_context::executor_type;
+using Socket = net::basic_stream_socket<tcp, Executor>;
+using Resolver = net::ip::basic_resolver<tcp, Executor>;
 
 template <class NextLayer>
 class WsTransport : public Transport, public std::enable_shared_from_this<WsTransport<NextLayer>> {
@@ -35,8 +42,7 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
     pmd.client_enable = options.compress;
     pmd.msg_size_threshold = 1024;  // small frames cost more to deflate than they save
     ws_.set_option(pmd);
-    // Time-outs are the engine's (connect time-out, heartbeat); this only bounds a closing
-    // handshake with a peer that never answers.
+    // This only bounds a closing handshake with a peer that never answers.
     ws_.set_option(websocket::stream_base::timeout{std::chrono::seconds(30), websocket::stream_base::none(), false});
   }
 
@@ -59,7 +65,7 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
     owner_.reset();
     if (!open_) {
       beast::error_code ec;
-      beast::get_lowest_layer(ws_).socket().close(ec);
+      beast::get_lowest_layer(ws_).close(ec);
       resolver_.cancel();
       return;
     }
@@ -79,20 +85,20 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
     return "Transport error: " + ec.message();
   }
 
-  void onResolve(beast::error_code ec, tcp::resolver::results_type results) {
+  void onResolve(beast::error_code ec, const tcp::resolver::results_type& results) {
     if (closing_) return;
     if (ec) return fail(describe(ec));
-    beast::get_lowest_layer(ws_).async_connect(
-        results, [self = this->shared_from_this()](beast::error_code ec, const tcp::endpoint&) {
-          self->onConnect(ec);
-        });
+    net::async_connect(beast::get_lowest_layer(ws_), results,
+                       [self = this->shared_from_this()](beast::error_code ec, const tcp::endpoint&) {
+                         self->onConnect(ec);
+                       });
   }
 
   void onConnect(beast::error_code ec) {
     if (closing_) return;
     if (ec) return fail(describe(ec));
-    beast::get_lowest_layer(ws_).socket().set_option(tcp::no_delay(true), ec);
-    if constexpr (std::is_same_v<NextLayer, beast::tcp_stream>) {
+    beast::get_lowest_layer(ws_).set_option(tcp::no_delay(true), ec);
+    if constexpr (std::is_same_v<NextLayer, Socket>) {
       handshake();
     } else {
       if (auto err = tls::prepare(ws_.next_layer(), ep_.host, ep_.host_is_ip)) return fail(describe(err));
@@ -188,14 +194,14 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
     queue_.clear();
     ws_.async_close(websocket::close_code::normal, [self = this->shared_from_this()](beast::error_code) {
       beast::error_code ignored;
-      beast::get_lowest_layer(self->ws_).socket().close(ignored);
+      beast::get_lowest_layer(self->ws_).close(ignored);
     });
   }
 
   std::weak_ptr<TransportListener> owner_;
   Endpoint ep_;
   websocket::stream<NextLayer> ws_;
-  tcp::resolver resolver_;
+  Resolver resolver_;
   std::size_t max_message_size_;
   websocket::response_type response_;
   beast::flat_buffer buffer_;
@@ -210,11 +216,12 @@ class WsTransport : public Transport, public std::enable_shared_from_this<WsTran
 std::shared_ptr<Transport> makeWebSocketTransport(boost::asio::any_io_executor ex, const Endpoint& endpoint,
                                                   const Options& options,
                                                   std::weak_ptr<TransportListener> listener) {
+  const auto* io = ex.target<Executor>();  // checked by the Manager
   if (endpoint.tls) {
-    return std::make_shared<WsTransport<net::ssl::stream<beast::tcp_stream>>>(std::move(listener), endpoint, options,
-                                                                             std::move(ex), tls::clientContext());
+    return std::make_shared<WsTransport<net::ssl::stream<Socket>>>(std::move(listener), endpoint, options, *io,
+                                                                   tls::clientContext());
   }
-  return std::make_shared<WsTransport<beast::tcp_stream>>(std::move(listener), endpoint, options, std::move(ex));
+  return std::make_shared<WsTransport<Socket>>(std::move(listener), endpoint, options, *io);
 }
 
 }  // namespace sio::detail

@@ -5,6 +5,7 @@
 #include "channels/channel_registry.hpp"
 #include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_manager.hpp"
+#include "invitations/invitation_kit.hpp"
 #include "peers/peer_attributes.hpp"
 #include "peers/peer_messages.hpp"
 #include "peers/presence.hpp"
@@ -92,6 +93,7 @@ class FeatureFixture : public ::testing::Test {
   std::shared_ptr<qnbrl::QNUserAttributes> users = std::make_shared<qnbrl::QNUserAttributes>(requests);
   std::shared_ptr<qnbrl::QNPresence> presence = std::make_shared<qnbrl::QNPresence>(requests);
   std::shared_ptr<qnbrl::QNPeerAttributes> peerAttributes = std::make_shared<qnbrl::QNPeerAttributes>(requests);
+  std::shared_ptr<qnbrl::QNBRLInvitationKit> invitations = qnbrl::QNBRLInvitationKit::Impl::create(requests, state);
 
  private:
   std::size_t records_before_ = 0;

@@ -31,11 +31,14 @@ class Inbox {
       std::lock_guard lock(lines->mutex);
       lines->all.push_back(std::move(line));
     };
-    channel->memberJoined = [add](QNBRLChannel& c, const QNBRLMember& m) { add(c.channelId() + ": joined " + m.userId); };
+    channel->memberJoined = [add](QNBRLChannel& c, const QNBRLMember& m) {
+      add(c.channelId() + ": joined " + m.userId);
+    };
     channel->memberLeftReason = [add](QNBRLChannel& c, const QNBRLMember& m, QNBRLChannelMemberLeftReason r) {
       add(c.channelId() + ": left " + m.userId + " " + std::to_string(r));
     };
-    channel->messageReceived = [add](QNBRLChannel& c, const std::shared_ptr<QNBRLMessage>& m, const QNBRLMember& from) {
+    channel->messageReceived = [add](QNBRLChannel& c, const std::shared_ptr<QNBRLMessage>& m,
+                                     const QNBRLMember& from) {
       auto* raw = dynamic_cast<QNBRLRawMessage*>(m.get());
       add(c.channelId() + ": " + from.userId + " says " + m->text.value_or("") +
           (raw ? " +" + std::to_string(raw->rawData->size()) + "B" : ""));
@@ -52,6 +55,17 @@ class Inbox {
     kit->peersUserAttributesChanged = [add](QNBRLKit&, const std::vector<QNBRLUserAttributes>& users) {
       for (auto& u : users) add(u.userId + " attributes" + describe(u.attributes));
     };
+    auto invited = [add](std::string what) {
+      return [add, what](QNBRLInvitationKit&, const std::shared_ptr<QNBRLInvitation>& i, int = 0) {
+        add("invitation " + what + " " + i->requestInfo().value_or("-") + "/" +
+            i->responseInfo().value_or("-"));
+      };
+    };
+    invitation->invitationArrived = invited("arrived");
+    invitation->invitationCanceled = invited("canceled");
+    invitation->invitationAccept = invited("accept");
+    invitation->invitationRefused = invited("refused");
+    invitation->invitationFailed = invited("failed");
   }
   // Until the line has been heard `times` times.
   bool waitFor(const std::string& line, long times = 1) const {
@@ -83,6 +97,7 @@ class Inbox {
 
   std::shared_ptr<QNBRLChannelDelegate> channel = std::make_shared<QNBRLChannelDelegate>();
   std::shared_ptr<QNBRLDelegate> kit = std::make_shared<QNBRLDelegate>();
+  std::shared_ptr<QNBRLInvitationDelegate> invitation = std::make_shared<QNBRLInvitationDelegate>();
 
  private:
   struct Lines {

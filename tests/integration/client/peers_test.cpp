@@ -20,9 +20,9 @@ TEST_F(PeersTest, PresenceAndAttributesReachSubscribersOnOtherServers) {
   EXPECT_EQ(codes.await(2), 0);
   auto alice = user("alice", A, false);
   alice->kit->setLocalUserAttributes({{"mood", "happy"}, {"city", "Oslo"}}, codes.completion());
-  EXPECT_EQ(codes.await(), 0);
+  EXPECT_EQ(codes.await(3), 0);
   alice->kit->deleteLocalUserAttributesByKeys({"city"}, codes.completion());
-  EXPECT_EQ(codes.await(), 0);
+  EXPECT_EQ(codes.await(4), 0);
 
   std::promise<std::optional<std::vector<QNBRLUserAttributes>>> fetched;
   bob->kit->getPeersUserAttributes({"alice", "nobody"}, [&](auto list, int) { fetched.set_value(list); });
@@ -32,13 +32,14 @@ TEST_F(PeersTest, PresenceAndAttributesReachSubscribersOnOtherServers) {
   EXPECT_EQ(users[1].userId + Inbox::describe(users[1].attributes), "nobody");
   std::promise<std::optional<std::vector<QNBRLPeerOnlineStatus>>> online;
   bob->kit->queryPeersOnlineStatus({"alice", "nobody"}, [&](auto list, int) { online.set_value(list); });
-  EXPECT_EQ(within(online.get_future()), (std::vector<QNBRLPeerOnlineStatus>{{"alice", true}, {"nobody", false}}));
+  EXPECT_EQ(within(online.get_future()),
+            (std::vector<QNBRLPeerOnlineStatus>{{"alice", true}, {"nobody", false}}));
   std::promise<std::optional<std::vector<std::string>>> subscribed;
   bob->kit->queryPeersBySubscriptionOption(1, [&](auto list, int) { subscribed.set_value(list); });
   EXPECT_EQ(within(subscribed.get_future()), Lines{"alice"});
 
   alice->kit->logoutWithCompletion(codes.completion());
-  EXPECT_EQ(codes.await(), 0);
+  EXPECT_EQ(codes.await(5), 0);
   ASSERT_TRUE(bob->inbox.waitFor("alice offline", 2));
   EXPECT_EQ(bob->inbox.all(), (Lines{"alice offline", "alice online", "alice attributes mood=happy city=Oslo",
                                      "alice attributes city(deleted)", "alice offline"}));
@@ -68,12 +69,12 @@ TEST_F(PeersTest, AfterAFailoverTheReplayLeavesTheServerAsItWas) {
 
   // Still delivering: bob's change and logout reach alice, and her attributes reach bob.
   bob->kit->setLocalUserAttributes({{"x", "1"}}, codes.completion());
-  EXPECT_EQ(codes.await(), 0);
+  EXPECT_EQ(codes.await(4), 0);
   std::promise<std::optional<std::vector<QNBRLAttribute>>> read;
   bob->kit->getUserAttributes("alice", [&](auto list, const std::string&, int) { read.set_value(list); });
   EXPECT_EQ(within(read.get_future()), (std::vector<QNBRLAttribute>{{"mood", "calm"}}));
   bob->kit->logoutWithCompletion(codes.completion());
-  EXPECT_EQ(codes.await(), 0);
+  EXPECT_EQ(codes.await(5), 0);
   ASSERT_TRUE(alice->inbox.waitFor("bob offline"));
   // The status re-sent on the replayed subscription was no change, so it was not reported again.
   EXPECT_EQ(alice->inbox.all(), (Lines{"bob online", "bob attributes x=1", "bob offline"}));

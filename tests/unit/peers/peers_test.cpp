@@ -60,32 +60,15 @@ TEST_F(Peers, TheCacheFollowsOnlyWhatTheServerConfirms) {
   EXPECT_EQ(codes, (std::vector<int>{0, 0, 7, 4, 0, 0, 0, 0}));
 }
 
-TEST_F(Peers, ReadsGiveTheUserAskedForAndLeaveTheCacheAlone) {
-  std::vector<std::string> seen;
-  auto reading = [&](std::optional<std::vector<QNBRLAttribute>> list, const std::string& user, int code) {
-    std::string text = user + " " + std::to_string(code) + (list ? "" : " none");
-    for (const auto& a : list.value_or(std::vector<QNBRLAttribute>{})) text += " " + a.key + "=" + a.value;
-    seen.push_back(text);
-  };
-  const std::string longId(65, 'u');
-  users->getUserAttributes(longId, reading);
-  users->getUserAttributes("bob", reading);
-  sender->answer({json::object{{"result", 0}, {"attributes", {{"k", "v"}, {"d", kDeletedValue}}}}});
-  users->getUserAttributes("bob", {"k"}, reading);
-  sender->answer({json::object{{"result", 6}}});
-  EXPECT_EQ(seen, (std::vector<std::string>{longId + " 3 none", "bob 0 k=v d=" + std::string(kDeletedValue),
-                                            "bob 6 none"}));
-  EXPECT_TRUE(cached().empty());
-}
-
 TEST_F(Peers, OnlineStatusPushesAreReportedOnlyWhenTheyChange) {
   std::vector<std::vector<QNBRLPeerOnlineStatus>> heard;
   auto push = [&](const char* text) {
-    presence->onPeersOnlineStatusChanged(pushOf(text), [&](const auto& changes) { heard.push_back(changes); });
+    presence->onPeersOnlineStatusChanged(pushOf(text),
+                                         [&](const auto& changes) { heard.push_back(changes); });
   };
   push(R"([{"status":{"a":0}}])");
   push(R"([{"status":{"a":0}}])");
-  push(R"([{"status":{"b":2,"a":0}}])");        // a first report always counts, even offline
+  push(R"([{"status":{"b":2,"a":0}}])");           // a first report always counts, even offline
   push(R"([{"status":{"b":0,"a":4294967296}}])");  // compared as 32-bit numbers: a is still 0
   push(R"([{"status":{}}])");
   push(R"([{"status":{"c":null,"d":[1]}},{"status":{"e":0}}])");
@@ -144,8 +127,8 @@ TEST_F(Peers, BatchFetchesListEveryUserTheServerNamedAndPushesPassThrough) {
 
   std::vector<std::vector<std::string>> pushed;
   auto push = [&](const std::string& text) {
-    QNPeerAttributes::onPeersUserAttributesChanged(pushOf(text.c_str()),
-                                                   [&](const auto& list) { pushed.push_back(describe(list)); });
+    QNPeerAttributes::onPeersUserAttributesChanged(
+        pushOf(text.c_str()), [&](const auto& list) { pushed.push_back(describe(list)); });
   };
   push(R"([{"attributes":{"bob":{"attributes":{"k":")" + deleted + R"(","j":"1"}},"eve":{"result":3}}}])");
   push(R"(["junk"])");
@@ -188,7 +171,8 @@ TEST_F(Peers, ReplaysRepeatOnTheNextTurnUntilConfirmedOrLoggedOut) {
   users->restoreLocalUserAttributes(list);
   presence->restoreSubscribedOnlineStatusOfPeers({"a"});
   peerAttributes->restoreSubscribedAttributesOfPeers({"b"});
-  for (const char* command : {"setLocalUserAttributes", "subscribePeersOnlineStatus", "subscribePeersUserAttributes"}) {
+  for (const char* command :
+       {"setLocalUserAttributes", "subscribePeersOnlineStatus", "subscribePeersUserAttributes"}) {
     for (int round = 1; round <= 3; ++round) {
       ASSERT_EQ(sender->count(command), static_cast<std::size_t>(round)) << command;
       sender->answer({json::object{{"result", 2}}}, command);

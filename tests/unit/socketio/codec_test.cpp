@@ -149,6 +149,35 @@ TEST(SocketIoCodec, RejectsMalformedInput) {
     EXPECT_FALSE(feed(decoder, frames)) << frames[0];
     // An error leaves the decoder clean for whoever reuses it.
     EXPECT_FALSE(decoder.awaitingAttachments()) << frames[0];
+    EXPECT_TRUE(feed(decoder, {R"(42["a",{"b":[1,"c"]}])"})) << "after " << frames[0];
+  }
+}
+
+// One decoder parses every packet of a connection: what a refused packet used leaves the budget of
+// the next ones untouched.
+TEST(SocketIoCodec, ADecoderKeepsItsMemoryBoundFromPacketToPacket) {
+  const auto zeros = [](std::size_t n) {
+    std::string s = "2[\"news\",[0";
+    for (std::size_t i = 1; i < n; ++i) s += ",0";
+    return s + "]]";
+  };
+  const std::string nested = R"(2["m",{"from":{"id":"u"},"ts":1718000000123,"content":{"text":"hi"}}])";
+  const std::string text = "2[\"t\",\"" + std::string(10 * 1024, 'x') + "\"]";
+  const struct {
+    std::string data;
+    bool ok;
+  } packets[] = {{nested, true}, {zeros(3000), false}, {nested, true}, {text, true},
+                 {zeros(100), true}, {zeros(3000), false}, {"2[\"a\",{\"b\":", false}, {nested, true}};
+  Decoder decoder(DecoderLimits{1024, 16 * 1024});
+  for (int round = 0; round < 2; ++round) {
+    for (const auto& p : packets) {
+      auto r = decoder.onText(p.data);
+      ASSERT_EQ(static_cast<bool>(r), p.ok) << p.data.substr(0, 40) << ": " << r.error;
+      if (!r) continue;
+      const auto* packet = std::get_if<Packet>(&*r.value);
+      ASSERT_NE(packet, nullptr);
+      EXPECT_EQ(packet->data, json::parse(p.data.substr(1)));
+    }
   }
 }
 
@@ -157,28 +186,53 @@ TEST(SocketIoCodec, EncodesTheWireVectors) {
   EXPECT_EQ(encodeDisconnect().text, "41");
 
   const auto args = [](const char* text) { return json::parse(text).as_array(); };
-  EXPECT_EQ(encodeEvent({args(R"(["hey","Jude"])"), {}}, std::nullopt).text, R"(42["hey","Jude"])");
-  EXPECT_EQ(encodeEvent({args(R"(["foo"])"), {}}, 12).text, R"(4212["foo"])");
+  EXPECT_EQ(encodeEvent("hey", {args(R"(["Jude"])"), {}}, std::nullopt).text, R"(42["hey","Jude"])");
+  EXPECT_EQ(encodeEvent("foo", {}, 12).text, R"(4212["foo"])");
   EXPECT_EQ(encodeAck(13, {args(R"(["answer"])"), {}}).text, R"(4313["answer"])");
   EXPECT_EQ(encodeAck(12, {}).text, "4312[]");
-  EXPECT_EQ(encodeEvent({json::array{"é\"\n", -1, 2.5, nullptr, json::object{}}, {}}, std::nullopt).text,
-            "42[\"é\\\"\\n\",-1,2.5E0,null,{}]");
+  EXPECT_EQ(encodeEvent("é\"\n", {json::array{"\x01\\\t", -1, 2.5, 18446744073709551615u, nullptr, json::object{}}, {}},
+                        std::nullopt)
+                .text,
+            "42[\"é\\\"\\n\",\"\\u0001\\\\\\t\",-1,2.5,18446744073709551615,null,{}]");
 
   // Numbers that overflowed to infinity, or that the caller made non-finite, go out as JSON does them.
   const double inf = std::numeric_limits<double>::infinity();
-  const Payload odd{json::array{inf, json::object{{"k", json::array{-inf, std::nan("")}}}, 1.5}, {}};
-  EXPECT_EQ(encodeEvent(odd, std::nullopt).text, R"(42[null,{"k":[null,null]},1.5E0])");
-  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},1.5E0])");
+  const Payload odd{json::array{inf, json::object{{"k", json::array{-inf, std::nan("")}}}, -1.0}, {}};
+  EXPECT_EQ(encodeEvent("n", odd, std::nullopt).text, R"(42["n",null,{"k":[null,null]},-1.0])");
+  EXPECT_EQ(encodeAck(2, odd).text, R"(432[null,{"k":[null,null]},-1.0])");
 
-  const Payload up{json::array{"up", makePlaceholder(0), makePlaceholder(1)},
+  const Payload up{json::array{makePlaceholder(0), makePlaceholder(1)},
                    {bytes("\x01\x02\x03"), bytes("\x04\x05\x06")}};
-  const Frames sent = encodeEvent(up, 3);
+  const Frames sent = encodeEvent("up", up, 3);
   EXPECT_EQ(sent.text, R"(452-3["up",{"_placeholder":true,"num":0},{"_placeholder":true,"num":1}])");
   EXPECT_EQ(sent.binary, up.buffers);
 
   const Payload reply{json::array{"bar", makePlaceholder(0)}, {bytes("\x01\x02\x03\x04")}};
   const Frames acked = encodeAck(15, reply);
   EXPECT_EQ(acked.text, R"(461-15["bar",{"_placeholder":true,"num":0}])");
+}
+
+// Long strings are escaped a slice at a time: escapes on and around the slices' edges, and strings
+// made of nothing but escapes, come out as Boost.JSON's own serializer writes them.
+TEST(SocketIoCodec, EscapesLongStringsAcrossSlices) {
+  const auto with = [](std::size_t n, std::initializer_list<std::pair<std::size_t, char>> marks) {
+    std::string s(n, 'a');
+    for (const auto& [at, c] : marks) s[at] = c;
+    return s;
+  };
+  const std::string strings[] = {
+      with(4095, {{4094, '"'}}),
+      with(4096, {{4095, '\n'}, {0, '\x01'}}),
+      with(4097, {{4095, '\\'}, {4096, '"'}}),
+      with(9000, {{4096, '\x1f'}, {8191, '\t'}, {8192, '\b'}, {8999, '\f'}}),
+      std::string(5000, '\x02'),
+      std::string(4100, '"') + "\xc3\xa9",
+  };
+  for (const auto& s : strings) {
+    const Payload p{json::array{json::string(s)}, {}};
+    EXPECT_EQ(encodeEvent("e", p, std::nullopt).text, "42[\"e\"," + json::serialize(json::string(s)) + "]")
+        << s.size();
+  }
 }
 
 TEST(SocketIoCodec, BuildsEndpoints) {
