@@ -7,7 +7,8 @@
 #   - the Debian packages made by CPack, unpacked with `dpkg-deb -x` into a scratch root.
 # It also checks that the installed public headers compile alone and pull in no Boost, OpenSSL, RE2 or
 # GLib header, that the shared library exports nothing outside namespace qnbrl, and that the README's
-# quick start is examples/consumer/main.cpp.
+# quick start is examples/consumer/main.cpp. Last, examples/app_loop runs a client whose callbacks all
+# go to the application's own loop.
 #
 # The static library is the dev preset's (scripts/test.sh leaves it built); the shared one is the dev
 # preset configured again with BUILD_SHARED_LIBS, the library alone. Work files: build/consumers/.
@@ -27,7 +28,7 @@ diff -u examples/consumer/main.cpp "$work/quickstart.cpp"
 
 step "library builds"
 cmake --preset dev >/dev/null
-cmake --build --preset dev --target qnbrl
+cmake --build --preset dev --target qnbrl qnbrl_app_loop
 cmake --preset dev -B build/shared -DBUILD_SHARED_LIBS=ON -DCMAKE_INSTALL_PREFIX=/usr \
   -DQNBRL_BUILD_TESTS=OFF -DQNBRL_BUILD_BENCH=OFF -DQNBRL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build build/shared
@@ -116,5 +117,10 @@ for kind in static shared; do
       "$exe" "$api" "$kind-${way/-/}"
   done
 done
+
+step "callbacks on the application's own loop (examples/app_loop.cpp)"
+HOME=$home XDG_CACHE_HOME=$home/.cache XDG_DATA_HOME=$home/.local/share \
+  DBUS_SESSION_BUS_ADDRESS=unix:path=$home/no-bus build/dev/examples/qnbrl_app_loop "$api" apploop
+
 echo
 echo "consumers: all passed"

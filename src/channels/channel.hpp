@@ -37,8 +37,11 @@ struct __attribute__((visibility("hidden"))) QNBRLChannel::Impl {
       std::lock_guard lock(mutex);
       listener = delegate;
     }
-    tellDelegate(listener, member, *channel, std::forward<Args>(args)...);
+    requests->application().tell(listener, member, channel, std::forward<Args>(args)...);
   }
+
+  // The join; the library's own re-join after a reconnection calls it with its own completion.
+  void join(QNBRLChannel::Completion completion);
 
   // The heartbeat: once at once, then every 2 seconds while logged in and joined.
   void startSendingHeartbeat();

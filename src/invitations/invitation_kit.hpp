@@ -6,7 +6,6 @@
 #include "transport/callback.hpp"
 #include "transport/request.hpp"
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -26,13 +25,13 @@ struct __attribute__((visibility("hidden"))) QNBRLInvitationKit::Impl {
   template <class Member, class... Args>
   bool tell(Member QNBRLInvitationDelegate::*member, Args&&... args) {
     auto kit = self.lock();
-    if (!kit || released) return false;
+    if (!kit) return false;
     std::weak_ptr<QNBRLInvitationDelegate> listener;
     {
       std::lock_guard lock(mutex);
       listener = delegate;
     }
-    return tellDelegate(listener, member, *kit, std::forward<Args>(args)...);
+    return requests->application().tell(listener, member, kit, std::forward<Args>(args)...);
   }
 
   // "invitationOp" of the given type ("send", "cancel", "accept" or "refuse").
@@ -46,7 +45,6 @@ struct __attribute__((visibility("hidden"))) QNBRLInvitationKit::Impl {
   const std::shared_ptr<const RequestPath> requests;
   const std::shared_ptr<const QNBRLStateManager> stateManager;
   std::weak_ptr<QNBRLInvitationKit> self;
-  std::atomic<bool> released{false};
 
   std::mutex mutex;  // guards the delegate
   std::weak_ptr<QNBRLInvitationDelegate> delegate;
