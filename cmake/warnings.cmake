@@ -1,3 +1,3 @@
 function(qnbrl_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic $<$<BOOL:${QNBRL_WARNINGS_AS_ERRORS}>:-Werror>)
 endfunction()

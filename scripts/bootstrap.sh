@@ -11,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev
   gnome-keyring dbus-x11 libsecret-tools
   nodejs npm python3-socketio python3-aiohttp openssl
+  doxygen
 )
 
 missing=()

@@ -12,7 +12,9 @@ namespace qnbrl {
 
 class QNBRLInvitationKit;
 
+/// Set the callbacks the application implements; hand the delegate to QNBRLInvitationKit::setDelegate.
 struct QNBRLInvitationDelegate {
+  /// Told the kit and the invitation concerned.
   using Callback = std::function<void(QNBRLInvitationKit& kit, const std::shared_ptr<QNBRLInvitation>& invitation)>;
 
   /// Code 3: nobody answered a sent or arrived invitation within 60 seconds (its state is now 1).
@@ -21,10 +23,12 @@ struct QNBRLInvitationDelegate {
       invitationFailed;
   /// An invitation to the logged-in user; it fails after 60 seconds unless accepted or refused.
   Callback invitationArrived;
+  /// The inviter withdrew an invitation to the logged-in user.
   Callback invitationCanceled;
   /// The invitation as the server pushed it, with the invitee's responseInfo (the inviter's own object
   /// takes state 4).
   Callback invitationAccept;
+  /// The invitee refused (the inviter's own object takes state 5).
   Callback invitationRefused;
 };
 

@@ -7,14 +7,17 @@
 /// delegate. Every client of the process shares one record of invitations, keyed by the two users.
 #include "qnbrl/brl_invitation.hpp"
 #include "qnbrl/brl_invitation_delegate.hpp"
+#include "qnbrl/export.hpp"
 
 #include <functional>
 #include <memory>
 
 namespace qnbrl {
 
-class QNBRLInvitationKit {
+/// The invitation requests of one client, and where its pushed invitation changes go.
+class QNBRL_EXPORT QNBRLInvitationKit {
  public:
+  /// Told the request's code: QNBRLInvitationErrorCode.
   using Completion = std::function<void(int code)>;
 
   /// Held weakly; replaces any earlier one.
@@ -29,14 +32,19 @@ class QNBRLInvitationKit {
   void cancelInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
   /// Answers an arrived invitation, with its responseInfo; the logged-in user must be the invitee.
   void acceptInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
+  /// Declines an arrived invitation, with its responseInfo; the logged-in user must be the invitee.
   void refuseInvitation(const std::shared_ptr<QNBRLInvitation>& invitation, Completion completion);
 
-  struct Impl;
-  explicit QNBRLInvitationKit(std::unique_ptr<Impl> impl);
   ~QNBRLInvitationKit();
   QNBRLInvitationKit(const QNBRLInvitationKit&) = delete;
   QNBRLInvitationKit& operator=(const QNBRLInvitationKit&) = delete;
+
+  /// @cond INTERNAL
+  // The library's side; applications get the kit from QNBRLKit::getBRLInvitationKit.
+  struct Impl;
+  explicit QNBRLInvitationKit(std::unique_ptr<Impl> impl);
   Impl& impl() { return *impl_; }
+  /// @endcond
 
  private:
   std::unique_ptr<Impl> impl_;

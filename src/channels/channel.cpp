@@ -93,20 +93,22 @@ bool QNBRLChannel::destroyed() const {
 }
 
 void QNBRLChannel::joinWithCompletion(Completion completion) {
+  impl_->join(impl_->requests->application().completion(std::move(completion)));
+}
+
+void QNBRLChannel::Impl::join(Completion completion) {
   LoganManager::sharedInstance().tsJoinChannel = currentTimeStamp();
-  const auto& id = impl_->channelId;
-  impl_->requests->send(
-      kJoin, {.subject = id,
-              .refusal = isValidId(id) ? 0 : QNBRLJoinChannelErrorInvalidArgument,
-              .payload = {{"channelId", id}},
-              .finish = [weak = impl_->self, completion = std::move(completion)](int code, const QNBRLResult* result) {
-                if (auto channel = weak.lock(); channel && result && code == 0) {
-                  channel->impl_->joined = true;
-                  channel->impl_->startSendingHeartbeat();
-                  channel->impl_->stateDelegate(channel, true);
-                }
-                callApplication(completion, code);
-              }});
+  requests->send(kJoin, {.subject = channelId,
+                         .refusal = isValidId(channelId) ? 0 : QNBRLJoinChannelErrorInvalidArgument,
+                         .payload = {{"channelId", channelId}},
+                         .finish = [weak = self, completion = std::move(completion)](int code, const QNBRLResult* result) {
+                           if (auto channel = weak.lock(); channel && result && code == 0) {
+                             channel->impl_->joined = true;
+                             channel->impl_->startSendingHeartbeat();
+                             channel->impl_->stateDelegate(channel, true);
+                           }
+                           callApplication(completion, code);
+                         }});
 }
 
 void QNBRLChannel::leaveWithCompletion(Completion completion) {
@@ -134,9 +136,8 @@ void QNBRLChannel::sendMessage(const std::shared_ptr<QNBRLMessage>& message,
                   .refusal = impl_->joined ? 0 : QNBRLChannelMessageErrorNotJoined,
                   .notices = std::vector<int>(static_cast<std::size_t>(oversizeBodies(body)),
                                               QNBRLChannelMessageErrorTooLarge),
-                  .finish = [completion = std::move(completion)](int code, const QNBRLResult*) {
-                    callApplication(completion, code);
-                  }};
+                  .finish = [completion = impl_->requests->application().completion(std::move(completion))](
+                                int code, const QNBRLResult*) { callApplication(completion, code); }};
   request.payload = {{"channelId", impl_->channelId},
                      {"content", contentOf(body, request.attachments)},
                      {"option", boost::json::object()}};
@@ -149,7 +150,8 @@ void QNBRLChannel::getMembersWithCompletion(MembersCompletion completion) {
       kGetMembers, {.subject = id,
                     .refusal = impl_->joined ? 0 : QNBRLGetMembersErrorNotJoined,
                     .payload = {{"channelId", id}},
-                    .finish = [id, completion = std::move(completion)](int code, const QNBRLResult* result) {
+                    .finish = [id, completion = impl_->requests->application().completion(std::move(completion))](
+                                  int code, const QNBRLResult* result) {
                       std::optional<std::vector<QNBRLMember>> members;
                       // A refusal with 5 from the server still comes with the list.
                       if (result && (code == 0 || code == QNBRLGetMembersErrorNotJoined))

@@ -14,7 +14,8 @@
 
 namespace qnbrl {
 
-struct QNBRLChannel::Impl {
+// Hidden: a nested class takes the exported class's visibility otherwise.
+struct __attribute__((visibility("hidden"))) QNBRLChannel::Impl {
   // Told when a join succeeds (true) or a leave happens (false): the registry's joined set.
   using StateDelegate = std::function<void(const std::shared_ptr<QNBRLChannel>& channel, bool joined)>;
 
@@ -36,8 +37,11 @@ struct QNBRLChannel::Impl {
       std::lock_guard lock(mutex);
       listener = delegate;
     }
-    tellDelegate(listener, member, *channel, std::forward<Args>(args)...);
+    requests->application().tell(listener, member, channel, std::forward<Args>(args)...);
   }
+
+  // The join; the library's own re-join after a reconnection calls it with its own completion.
+  void join(QNBRLChannel::Completion completion);
 
   // The heartbeat: once at once, then every 2 seconds while logged in and joined.
   void startSendingHeartbeat();

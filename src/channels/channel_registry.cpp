@@ -159,7 +159,7 @@ void QNBRLChannelRegistry::restoreJoinedChannels(std::vector<std::shared_ptr<QNB
   auto round = std::make_shared<Round>();
   round->left = channels.size();
   for (const auto& c : channels) {
-    c->joinWithCompletion([round, c, weak = weak_from_this()](int code) {
+    c->impl().join([round, c, weak = weak_from_this()](int code) {
       std::vector<std::shared_ptr<QNBRLChannel>> failed;
       {
         std::lock_guard lock(round->mutex);

@@ -9,13 +9,15 @@
 
 namespace qnbrl {
 
-QNBRLKit::Impl::Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer)
+QNBRLKit::Impl::Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer,
+                     ApplicationCalls::Executor executor)
     : delegate(std::move(delegate)),
       stateManager(std::make_shared<QNBRLStateManager>(appId)),
+      app(ApplicationCalls::create(std::move(executor))),
       queue(SerialQueue::create("com.qn.brl.kit")),
       apiServer(std::move(apiServer)),
       socketManager(QNSocketManager::create()),
-      requests(std::make_shared<RequestPath>(stateManager, socketManager)),
+      requests(std::make_shared<RequestPath>(stateManager, socketManager, app)),
       channels(std::make_shared<QNBRLChannelRegistry>(requests)),
       channelAttributes(requests),
       peerMessages(requests),
@@ -31,10 +33,10 @@ void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
 
 void QNBRLKit::Impl::release() {
   released.store(true);
+  app->release();
   queue->cancelPending();
   // The application's channel objects outlive the client: their heartbeats stop with it.
   channels->logout();
-  if (auto kit = madeInvitationKit()) kit->impl().released = true;
   // On the main queue, where every other use of the socket manager runs; never waited for here.
   MainQueue::async([socketManager = socketManager] { socketManager->destroy(); });
 }
@@ -46,7 +48,7 @@ std::shared_ptr<QNBRLKit> QNBRLKit::create(const std::string& appId, std::weak_p
   auto apiServer = options.envConfig.apiServer.value_or(QNApiManager::apiServer());
   auto logServer = options.envConfig.logServer.value_or(QNApiManager::logServer());
   if (!isValidApiServer(apiServer) || !isValidApiServer(logServer)) return nullptr;
-  std::shared_ptr<QNBRLKit> kit(new QNBRLKit(std::make_unique<Impl>(appId, std::move(delegate), apiServer)));
+  std::shared_ptr<QNBRLKit> kit(new QNBRLKit(std::make_unique<Impl>(appId, std::move(delegate), apiServer, options.executor)));
   kit->impl_->bind(kit);
   kit->impl_->debugInfo.getApiServer(apiServer);
   logan.setLogServer(logServer);

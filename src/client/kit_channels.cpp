@@ -14,35 +14,35 @@ bool QNBRLKit::destroyChannelWithId(const std::string& channelId) {
 }
 
 void QNBRLKit::getChannelMemberCount(const std::vector<std::string>& channelIds, MemberCountCompletion completion) {
-  impl_->channels->getChannelMemberCount(channelIds, std::move(completion));
+  impl_->channels->getChannelMemberCount(channelIds, impl_->app->completion(std::move(completion)));
 }
 
 void QNBRLKit::setChannel(const std::string& channelId, const std::vector<QNBRLAttribute>& attributes,
                           const Options& options, Completion completion) {
-  impl_->channelAttributes.setChannel(channelId, attributes, options, std::move(completion));
+  impl_->channelAttributes.setChannel(channelId, attributes, options, impl_->app->completion(std::move(completion)));
 }
 
 void QNBRLKit::addOrUpdateChannel(const std::string& channelId, const std::vector<QNBRLAttribute>& attributes,
                                   const Options& options, Completion completion) {
-  impl_->channelAttributes.addOrUpdateChannel(channelId, attributes, options, std::move(completion));
+  impl_->channelAttributes.addOrUpdateChannel(channelId, attributes, options, impl_->app->completion(std::move(completion)));
 }
 
 void QNBRLKit::deleteChannelAttributes(const std::string& channelId, const std::vector<std::string>& keys,
                                        const Options& options, Completion completion) {
-  impl_->channelAttributes.deleteChannelAttributes(channelId, keys, options, std::move(completion));
+  impl_->channelAttributes.deleteChannelAttributes(channelId, keys, options, impl_->app->completion(std::move(completion)));
 }
 
 void QNBRLKit::clearChannelAttributes(const std::string& channelId, const Options& options, Completion completion) {
-  impl_->channelAttributes.clearChannelAttributes(channelId, options, std::move(completion));
+  impl_->channelAttributes.clearChannelAttributes(channelId, options, impl_->app->completion(std::move(completion)));
 }
 
 void QNBRLKit::getChannelAttributes(const std::string& channelId, AttributesCompletion completion) {
-  impl_->channelAttributes.getChannelAttributes(channelId, std::move(completion));
+  impl_->channelAttributes.getChannelAttributes(channelId, impl_->app->completion(std::move(completion)));
 }
 
 void QNBRLKit::getChannelAttributes(const std::string& channelId, const std::vector<std::string>& keys,
                                     AttributesCompletion completion) {
-  impl_->channelAttributes.getChannelAttributes(channelId, keys, std::move(completion));
+  impl_->channelAttributes.getChannelAttributes(channelId, keys, impl_->app->completion(std::move(completion)));
 }
 
 }  // namespace qnbrl

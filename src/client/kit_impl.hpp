@@ -32,8 +32,10 @@
 
 namespace qnbrl {
 
-struct QNBRLKit::Impl {
-  Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer);
+// Hidden: a nested class takes the exported class's visibility otherwise.
+struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
+  Impl(const std::string& appId, std::weak_ptr<QNBRLDelegate> delegate, std::string apiServer,
+       ApplicationCalls::Executor executor);
 
   // Installs the socket delegates; called once the owning kit exists.
   void bind(const std::shared_ptr<QNBRLKit>& kit);
@@ -45,7 +47,7 @@ struct QNBRLKit::Impl {
   // Calls the delegate's member when the application still holds the client and the delegate
   // implements it; true when it was called. What the callback throws is caught.
   template <class Member, class... Args>
-  bool tell(Member QNBRLDelegate::*member, Args&&... args);
+  bool tell(Member QNBRLDelegate::*member, QNBRLKit& kit, Args&&... args);
 
   // Tells the delegate, if it listens; the telemetry pair is written only then.
   void reportState(QNBRLKit& kit, QNBRLConnectionState state, QNBRLConnectionChangeReason reason,
@@ -79,6 +81,8 @@ struct QNBRLKit::Impl {
   std::atomic<bool> released{false};
   const std::weak_ptr<QNBRLDelegate> delegate;
   const std::shared_ptr<QNBRLStateManager> stateManager;
+  // Where completions and delegate callbacks run: the options' executor, when set.
+  const std::shared_ptr<ApplicationCalls> app;
   QNBRLStateHelper stateHelper;
   const std::shared_ptr<SerialQueue> queue;
   const std::string apiServer;
@@ -116,9 +120,9 @@ struct QNBRLKit::Impl {
 };
 
 template <class Member, class... Args>
-bool QNBRLKit::Impl::tell(Member QNBRLDelegate::*member, Args&&... args) {
-  if (released.load()) return false;
-  return tellDelegate(delegate, member, std::forward<Args>(args)...);
+bool QNBRLKit::Impl::tell(Member QNBRLDelegate::*member, QNBRLKit&, Args&&... args) {
+  auto kit = owner.lock();
+  return kit && !released.load() && app->tell(delegate, member, kit, std::forward<Args>(args)...);
 }
 
 }  // namespace qnbrl

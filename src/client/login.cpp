@@ -9,6 +9,7 @@ namespace qnbrl {
 
 void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, const std::string& userId,
                             Completion completion) {
+  completion = impl_->app->completion(std::move(completion), ApplicationCalls::Delivery::whileHeld);
   auto& logan = LoganManager::sharedInstance();
   logan.setUId(userId);
   logan.startLogan(token, userId, timeStamp);
@@ -100,6 +101,7 @@ void QNBRLKit::Impl::loginWithConfig(const boost::json::object& config, Completi
 }
 
 void QNBRLKit::logoutWithCompletion(Completion completion) {
+  completion = impl_->app->completion(std::move(completion), ApplicationCalls::Delivery::whileHeld);
   auto& logan = LoganManager::sharedInstance();
   if (!impl_->stateManager->login()) {
     callApplication(completion, QNBRLRequestNotLoggedIn);

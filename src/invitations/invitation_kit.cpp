@@ -114,7 +114,8 @@ void QNBRLInvitationKit::Impl::request(std::string_view type, const std::shared_
   } else {
     request.payload = {{"type", type}, {"invitation", jsonObject(*invitation)}};
   }
-  request.finish = [send, invitation, weak = self, completion = std::move(completion)](int code, const QNBRLResult*) {
+  request.finish = [send, invitation, weak = self, completion = requests->application().completion(std::move(completion))](
+                       int code, const QNBRLResult*) {
     auto& store = QNInvitationStore::shared();
     if (code == QNBRLInvitationErrorOk && send) {
       invitation->setState(State::Arrived);

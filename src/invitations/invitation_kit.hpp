@@ -6,14 +6,14 @@
 #include "transport/callback.hpp"
 #include "transport/request.hpp"
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string_view>
 
 namespace qnbrl {
 
-struct QNBRLInvitationKit::Impl {
+// Hidden: a nested class takes the exported class's visibility otherwise.
+struct __attribute__((visibility("hidden"))) QNBRLInvitationKit::Impl {
   Impl(std::shared_ptr<const RequestPath> requests, std::shared_ptr<const QNBRLStateManager> stateManager)
       : requests(std::move(requests)), stateManager(std::move(stateManager)) {}
 
@@ -25,13 +25,13 @@ struct QNBRLInvitationKit::Impl {
   template <class Member, class... Args>
   bool tell(Member QNBRLInvitationDelegate::*member, Args&&... args) {
     auto kit = self.lock();
-    if (!kit || released) return false;
+    if (!kit) return false;
     std::weak_ptr<QNBRLInvitationDelegate> listener;
     {
       std::lock_guard lock(mutex);
       listener = delegate;
     }
-    return tellDelegate(listener, member, *kit, std::forward<Args>(args)...);
+    return requests->application().tell(listener, member, kit, std::forward<Args>(args)...);
   }
 
   // "invitationOp" of the given type ("send", "cancel", "accept" or "refuse").
@@ -45,7 +45,6 @@ struct QNBRLInvitationKit::Impl {
   const std::shared_ptr<const RequestPath> requests;
   const std::shared_ptr<const QNBRLStateManager> stateManager;
   std::weak_ptr<QNBRLInvitationKit> self;
-  std::atomic<bool> released{false};
 
   std::mutex mutex;  // guards the delegate
   std::weak_ptr<QNBRLInvitationDelegate> delegate;

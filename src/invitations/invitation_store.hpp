@@ -14,7 +14,7 @@
 namespace qnbrl {
 
 // How the library makes the invitations the server pushes.
-struct QNBRLInvitation::Pushed {};
+struct __attribute__((visibility("hidden"))) QNBRLInvitation::Pushed {};
 
 class QNInvitationStore {
  public:

@@ -5,6 +5,7 @@
 // its code table can be read, and tested, as data.
 #include "socketio/codec.hpp"
 #include "transport/brl_result.hpp"
+#include "transport/callback.hpp"
 #include "transport/state_manager.hpp"
 
 #include <boost/json/object.hpp>
@@ -80,10 +81,14 @@ struct Request {
 
 class RequestPath {
  public:
-  RequestPath(std::shared_ptr<const QNBRLStateManager> state, std::shared_ptr<CommandSender> sender)
-      : state_(std::move(state)), sender_(std::move(sender)) {}
+  RequestPath(std::shared_ptr<const QNBRLStateManager> state, std::shared_ptr<CommandSender> sender,
+              std::shared_ptr<const ApplicationCalls> application = ApplicationCalls::create())
+      : state_(std::move(state)), sender_(std::move(sender)), application_(std::move(application)) {}
 
   bool loggedIn() const { return state_->login(); }
+  // Where the client's completions and delegate callbacks run; features wrap the application's
+  // completions with it where a public operation takes them.
+  const ApplicationCalls& application() const { return *application_; }
 
   // A local refusal completes on the calling thread; an answer or a time-out on the main queue.
   // `finish` runs exactly once per outcome, whatever becomes of the client meanwhile.
@@ -95,6 +100,7 @@ class RequestPath {
  private:
   const std::shared_ptr<const QNBRLStateManager> state_;
   const std::shared_ptr<CommandSender> sender_;
+  const std::shared_ptr<const ApplicationCalls> application_;
 };
 
 }  // namespace qnbrl
