@@ -60,7 +60,11 @@ int main(int argc, char** argv) {
   app.add_option("SCRIPT", script, "commands, one a line ('-': standard input)");
   app.set_version_flag("--version", qnbrl::QNBRLKit::getSDKVersion());
   apiOption->excludes(app.get_option("--dev"));
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : 2;  // --help and --version end well; a usage error is status 2
+  }
 
   qnbrl_cli::Console console(jsonOutput);
   if (jsonOutput) {
