@@ -83,7 +83,8 @@ int main(int argc, char** argv) {
   std::unique_ptr<devserver::DevServer> server;
   if (dev) {
     const std::string directory = devServerDirectory(devDir);
-    if (!std::filesystem::exists(directory + "/src/main.js")) {
+    std::error_code missing;
+    if (!std::filesystem::exists(directory + "/src/main.js", missing)) {
       console.error("--dev is unavailable: no dev server in '" + directory +
                     "' (this qnbrl was installed without the sources: give their devserver/ folder with "
                     "--devserver DIR or QNBRL_DEVSERVER, or use --api)");

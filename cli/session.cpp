@@ -335,8 +335,8 @@ const std::vector<Session::Command>& Session::commands() {
          std::string text;
          for (const auto& cmd : commands())
            if (prefix.empty() || cmd.name == prefix || cmd.name.starts_with(prefix + " "))
-             text += (text.empty() ? "" : "\n") + std::string(cmd.name) + " " + std::string(cmd.args) +
-                     "\n    " + std::string(cmd.about);
+             text += (text.empty() ? "" : "\n") + std::string(cmd.name) + (cmd.args.empty() ? "" : " ") +
+                     std::string(cmd.args) + "\n    " + std::string(cmd.about);
          if (text.empty()) return s.refuse(c, "no command '" + prefix + "'");
          s.console_.text(text);
          return Step{};
