@@ -177,6 +177,69 @@ TEST_F(CliTest, TwoUsersConverseThroughEveryFeature) {
             (std::vector<json::value>{json::parse(R"({"alice":true})"), json::parse(R"({"alice":false})")}));
 }
 
+// The rest of the commands, each checked by what the service answers.
+TEST_F(CliTest, EveryOtherCommandReachesTheService) {
+  auto alice = start(as("alice"),
+                     "attr set a=1 b=2\n"
+                     "attr add c=3\n"
+                     "attr delete a\n"
+                     "attr get alice b c\n"
+                     "attr clear\n"
+                     "attr get alice\n"
+                     "chattr add lobby x=1 y=2\n"
+                     "chattr delete lobby x\n"
+                     "chattr get lobby y\n"
+                     "chattr clear lobby\n"
+                     "chattr get lobby\n"
+                     "count lobby other\n"
+                     "status subscribe bob\n"
+                     "peerattr subscribe bob\n"
+                     "status subscribed 1\n"
+                     "status unsubscribe bob\n"
+                     "peerattr unsubscribe bob\n"
+                     "status subscribed 0\n"
+                     "log filter 0\n"
+                     "debug\n"
+                     "wait invitationArrived\n"
+                     "invite refuse bob no thanks\n"
+                     "wait invitationArrived\n"
+                     "wait invitationCanceled\n"
+                     "renew 0123456789abcdef0123456789abcdef\n");
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        return !alice->find({{"command", "login 'alice'"}}).empty();
+      },
+      20s))
+      << alice->transcript();
+  auto bob = start(as("bob"),
+                   "attr set k=v\n"
+                   "peerattr get bob carol / k\n"
+                   "invite send alice lunch?\n"
+                   "wait invitationRefused\n"
+                   "invite send alice dinner?\n"
+                   "invite cancel alice\n");
+  ASSERT_EQ(alice->status(), 0) << alice->transcript();
+  ASSERT_EQ(bob->status(), 0) << bob->transcript();
+
+  auto result = [](Cli& cli, const std::string& command, const char* field) {
+    auto record = cli.find({{"command", command}});
+    return record.if_contains(field) ? record.at(field) : json::value();
+  };
+  EXPECT_EQ(result(*alice, "attr get alice b c", "attributes"), json::parse(R"({"b":"2","c":"3"})"));
+  EXPECT_EQ(result(*alice, "chattr get lobby y", "attributes"), json::parse(R"({"y":"2"})"));
+  EXPECT_EQ(result(*alice, "chattr get lobby", "attributes"), json::object());
+  EXPECT_EQ(result(*alice, "count lobby other", "counts"), json::parse(R"({"lobby":0,"other":0})"));
+  EXPECT_EQ(result(*alice, "status subscribed 1", "peers"), json::parse(R"(["bob"])"));
+  EXPECT_EQ(result(*alice, "status subscribed 0", "peers"), json::array());
+  EXPECT_EQ(result(*alice, "debug", "info").at_pointer("/loginArguments/userId"), "alice");
+  EXPECT_EQ(result(*alice, "attr get alice", "attributes"), json::object());
+  EXPECT_EQ(result(*bob, "peerattr get bob carol / k", "users"),
+            json::parse(R"({"bob":{"k":"v"},"carol":{}})"));
+  // The inviter is told with its own invitation, which carries no answer text.
+  EXPECT_FALSE(bob->find({{"event", "invitationRefused"}, {"inviter", "bob"}, {"invitee", "alice"}}).empty());
+  EXPECT_FALSE(alice->find({{"event", "invitationCanceled"}, {"inviter", "bob"}}).empty());
+}
+
 TEST_F(CliTest, FirstFailingCommandEndsTheRunWithStatusOneAndOfflineMessagesWait) {
   auto alice = start(as("alice"), "msg --offline carol kept for you\nmsg carol lost\nstatus query carol\n");
   ASSERT_EQ(alice->status(), 1) << alice->transcript();
