@@ -1,5 +1,5 @@
-# Install rules: headers and library, the CMake package (qnbrl::qnbrl), qnbrl.pc, and the Debian
-# packages made by CPack.
+# Install rules: headers and library, the CMake package (qnbrl::qnbrl), qnbrl.pc, the command-line
+# client, and the Debian packages made by CPack.
 #
 # A shared library links its dependencies itself, so its packages name none for the application's
 # link. A static one leaves them to the application: the internal Socket.IO archive is installed
@@ -22,6 +22,9 @@ install(TARGETS ${qnbrl_install_targets} EXPORT qnbrlTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
   FILE_SET HEADERS COMPONENT Development)
+if(QNBRL_BUILD_CLI)
+  install(TARGETS qnbrl_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Cli)
+endif()
 install(EXPORT qnbrlTargets NAMESPACE qnbrl:: DESTINATION ${QNBRL_CMAKE_DIR} COMPONENT Development)
 
 configure_package_config_file(cmake/qnbrlConfig.cmake.in ${PROJECT_BINARY_DIR}/qnbrlConfig.cmake
@@ -69,6 +72,19 @@ else()
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_CONFLICTS libqnbrl-dev)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libboost1.81-dev, libboost-json1.81-dev, libboost-url1.81-dev, libssl-dev (>= 3), libre2-dev, libsecret-1-dev, pkg-config")
+endif()
+# The command-line client is a package of its own, qnbrl-cli: its libraries are found by dpkg-shlibdeps,
+# except a shared libqnbrl of this build, which it names itself.
+if(QNBRL_BUILD_CLI)
+  list(APPEND CPACK_COMPONENTS_ALL Cli)
+  set(CPACK_DEBIAN_CLI_PACKAGE_NAME qnbrl-cli)
+  set(CPACK_DEBIAN_CLI_PACKAGE_SECTION net)
+  set(CPACK_DEBIAN_CLI_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+  if(QNBRL_SHARED)
+    set(CPACK_DEBIAN_CLI_PACKAGE_DEPENDS "libqnbrl${QNBRL_SOVERSION} (= ${PROJECT_VERSION})")
+  endif()
+  set(CPACK_COMPONENT_CLI_DESCRIPTION "${PROJECT_DESCRIPTION}: the qnbrl command-line client")
 endif()
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION}: headers, CMake and pkg-config files")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}: shared library")

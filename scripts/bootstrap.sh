@@ -12,6 +12,7 @@ packages=(
   gnome-keyring dbus-x11 libsecret-tools
   nodejs npm python3-socketio python3-aiohttp openssl
   doxygen
+  libedit-dev libcli11-dev tmux
 )
 
 missing=()

@@ -5,6 +5,7 @@
 #   - pkg-config, with no build system,
 #   - add_subdirectory of this tree (GoogleTest made unfindable: a sub-project must not need it),
 #   - the Debian packages made by CPack, unpacked with `dpkg-deb -x` into a scratch root.
+# The installed command-line client (install prefix and its Debian package) runs a short script there too.
 # It also checks that the installed public headers compile alone and pull in no Boost, OpenSSL, RE2 or
 # GLib header, that the shared library exports nothing outside namespace qnbrl, and that the README's
 # quick start is examples/consumer/main.cpp. Last, examples/app_loop runs a client whose callbacks all
@@ -28,7 +29,7 @@ diff -u examples/consumer/main.cpp "$work/quickstart.cpp"
 
 step "library builds"
 cmake --preset dev >/dev/null
-cmake --build --preset dev --target qnbrl qnbrl_app_loop
+cmake --build --preset dev --target qnbrl qnbrl_cli qnbrl_app_loop
 cmake --preset dev -B build/shared -DBUILD_SHARED_LIBS=ON -DCMAKE_INSTALL_PREFIX=/usr \
   -DQNBRL_BUILD_TESTS=OFF -DQNBRL_BUILD_BENCH=OFF -DQNBRL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build build/shared
@@ -118,9 +119,20 @@ for kind in static shared; do
   done
 done
 
+step "installed command-line client runs a script against the dev server"
+for kind in static shared; do
+  for root in "$work/$kind/prefix" "$work/$kind/root/usr"; do
+    echo "-- $kind: ${root#"$work/"}/bin/qnbrl"
+    # No LD_LIBRARY_PATH: a shared build's client finds libqnbrl from bin/ by its run path.
+    printf 'status query cli-%s\n' "$kind" |
+      HOME=$home XDG_CACHE_HOME=$home/.cache XDG_DATA_HOME=$home/.local/share \
+        DBUS_SESSION_BUS_ADDRESS=unix:path=$home/no-bus "$root/bin/qnbrl" --api "$api" --user "cli-$kind" --token t \
+        --json 2>/dev/null | tail -1
+  done
+done
+
 step "callbacks on the application's own loop (examples/app_loop.cpp)"
 HOME=$home XDG_CACHE_HOME=$home/.cache XDG_DATA_HOME=$home/.local/share \
   DBUS_SESSION_BUS_ADDRESS=unix:path=$home/no-bus build/dev/examples/qnbrl_app_loop "$api" apploop
-
 echo
 echo "consumers: all passed"

@@ -195,7 +195,8 @@ std::vector<std::string> devServerArgv(const DevServerOptions& o) {
       {"record", o.record},
       {"verbose", o.verbose},
   };
-  return {"node", QNBRL_SOURCE_DIR "/devserver/src/main.js", json::serialize(opts)};
+  const std::string directory = o.directory.empty() ? QNBRL_SOURCE_DIR "/devserver" : o.directory;
+  return {"node", directory + "/src/main.js", json::serialize(opts)};
 }
 
 }  // namespace

@@ -69,6 +69,7 @@ struct DevServerOptions {
   bool record = true;                        // keep events, commands and requests (off for floods)
   bool verbose = false;                      // connection and event log on stderr
   std::string stderrPath;                    // empty: inherit this process's stderr
+  std::string directory;                     // the dev server's devserver/ folder; empty: this source tree's
   std::chrono::milliseconds startTimeout{20000};
   // The service model (for accepted logins): how long a channel member whose connections are all gone
   // stays a member, and commands per second per connection before "Too Many Requests" (0: no limit).
