@@ -13,6 +13,8 @@ struct BenchSettings {
   std::vector<std::string> only;  // the benchmarks to run by name; empty: all of them
 
   bool selected(std::string_view name) const;
+  // Named in `only`: for the benchmarks too heavy to run unasked.
+  bool named(std::string_view name) const;
   // An operation count scaled by `scale`, at least 1.
   int count(int base) const;
 };

@@ -82,6 +82,10 @@ bool BenchSettings::selected(std::string_view name) const {
   return only.empty() || std::find(only.begin(), only.end(), name) != only.end();
 }
 
+bool BenchSettings::named(std::string_view name) const {
+  return std::find(only.begin(), only.end(), name) != only.end();
+}
+
 int BenchSettings::count(int base) const {
   return std::max(1, static_cast<int>(std::lround(base * scale)));
 }

@@ -14,6 +14,15 @@ namespace {
 // Pause before reconnection attempt n (seconds); the last one repeats without limit.
 constexpr std::array<int, 4> kBackoff{1, 2, 4, 6};
 
+// Reconnection attempts in flight in the process at once. When a server drops thousands of clients
+// together, their pauses end together: started all at once, the attempts would hold the main queue
+// for seconds and hand the servers more handshakes than they answer within the connect time-out, and
+// an attempt that times out on the last server ends the series. One client never waits here.
+AdmissionGate& reconnectionGate() {
+  static auto* gate = new AdmissionGate(64);
+  return *gate;
+}
+
 std::string firstText(const sio::Payload& data) {
   if (data.args.empty() || !data.args.front().is_string()) return {};
   return std::string(data.args.front().as_string());
@@ -101,6 +110,7 @@ void QNBRLKit::Impl::onConnectTimeout(QNBRLKit& kit) {
     }
   }
   if (!last) return failOver(next);
+  releaseReconnectionTicket();
   // Disconnected, as the delegate is told: left at "connecting", every later login would be refused.
   stateManager->setState(1);
   finishLogin(QNBRLLoginErrorTimeout);
@@ -159,6 +169,7 @@ void QNBRLKit::Impl::onDisconnect(QNBRLKit& kit, const sio::Payload& data) {
     }
   }
 
+  if (step != Step::failOver) releaseReconnectionTicket();
   switch (step) {
     case Step::failOver:
       return failOver(next);
@@ -198,6 +209,7 @@ void QNBRLKit::Impl::restoreStateAfterReconnection() {
 
 void QNBRLKit::Impl::onLoginSuccess(QNBRLKit& kit, const sio::Payload& data) {
   QNLog::shared().info("loginSuccess, params = %@", data.args);
+  releaseReconnectionTicket();
   stateManager->setState(3);
   if (auto socket = socketManager->socket().lock()) debugInfo.getConnectionId(socket->sid());
   bool reconnection = stateManager->login();
@@ -228,12 +240,29 @@ void QNBRLKit::Impl::reconnect() {
       pause = std::chrono::seconds(
           kBackoff[std::clamp<std::size_t>(kit->impl_->connectIndex, 0, kBackoff.size() - 1)]);
     }
-    // The pause holds the work queue (a logout waits behind it) but no thread.
-    MainQueue::after(pause, [weak, done = std::move(done)] {
-      if (auto kit = weak.lock()) kit->impl_->reconnectAfterPause(*kit);
-      done();
+    // The pause, and the wait for a place among the attempts in flight, hold the work queue (a logout
+    // waits behind them) but no thread.
+    MainQueue::after(pause, [weak, done = std::move(done)]() mutable {
+      reconnectionGate().enter([weak, done = std::move(done)](AdmissionGate::Ticket ticket) {
+        if (auto kit = weak.lock()) {
+          auto& impl = *kit->impl_;
+          impl.reconnectAfterPause(*kit);
+          // With no socket to hear from, the attempt is over already.
+          if (!impl.socketManager->socket().expired()) {
+            std::lock_guard lock(impl.mutex);
+            impl.reconnectionTicket = std::move(ticket);
+          }
+        }
+        done();
+      });
     });
   });
+}
+
+void QNBRLKit::Impl::releaseReconnectionTicket() {
+  AdmissionGate::Ticket ticket;  // dropped once the lock is released
+  std::lock_guard lock(mutex);
+  ticket = std::exchange(reconnectionTicket, nullptr);
 }
 
 void QNBRLKit::Impl::reconnectAfterPause(QNBRLKit& kit) {
@@ -257,6 +286,8 @@ void QNBRLKit::Impl::reconnectAfterPause(QNBRLKit& kit) {
 }
 
 void QNBRLKit::Impl::rebuildSocketManagerWithConfig(const boost::json::object& config, bool connect) {
+  // The old socket's attempt, if one was in flight, ends here: its events are not heard any more.
+  releaseReconnectionTicket();
   socketManager->destroy();
   std::string url;
   {

@@ -69,6 +69,8 @@ struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
   void restoreStateAfterReconnection();
   void reconnect();
   void reconnectAfterPause(QNBRLKit& kit);
+  // The attempt in flight has ended: its place goes to the next client waiting for one.
+  void releaseReconnectionTicket();
   void rebuildSocketManagerWithConfig(const boost::json::object& config, bool connect);
   // Opens the socket of tavernServers[index] with the current socket's configuration.
   void failOver(std::size_t index);
@@ -109,6 +111,9 @@ struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
   std::int64_t loginError = 0;
   std::int32_t connectIndex = 0;
   std::int64_t lastTavernServerIndex = 0;
+  // A reconnection attempt's place among the process's attempts in flight, from its start to its end
+  // (loginSuccess, its close, the last connect time-out).
+  AdmissionGate::Ticket reconnectionTicket;
   // The text of the last "disconnectReason", consumed by the "disconnect" that follows it.
   std::string serverReason;
   // Made by the first getBRLInvitationKit; until then invitation pushes reach nobody.

@@ -84,6 +84,50 @@ boost::asio::any_io_executor backgroundExecutor() {
   return pool->get_executor();
 }
 
+struct AdmissionGate::State : std::enable_shared_from_this<State> {
+  std::mutex mutex;
+  const std::size_t limit;
+  std::size_t out = 0;
+  std::deque<std::function<void(Ticket)>> waiting;
+
+  explicit State(std::size_t n) : limit(n) {}
+
+  // Hands a ticket to `start` on the main queue; the ticket's last owner lets the next one in.
+  void admit(std::function<void(Ticket)> start) {
+    Ticket ticket(static_cast<void*>(nullptr), [self = shared_from_this()](void*) { self->leave(); });
+    MainQueue::async(
+        [start = std::move(start), ticket = std::move(ticket)]() mutable { start(std::move(ticket)); });
+  }
+
+  void leave() {
+    std::function<void(Ticket)> next;
+    {
+      std::lock_guard lock(mutex);
+      if (waiting.empty()) {
+        --out;
+        return;
+      }
+      next = std::move(waiting.front());
+      waiting.pop_front();
+    }
+    admit(std::move(next));
+  }
+};
+
+AdmissionGate::AdmissionGate(std::size_t limit) : state_(std::make_shared<State>(limit)) {}
+
+void AdmissionGate::enter(std::function<void(Ticket)> start) {
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->out == state_->limit) {
+      state_->waiting.push_back(std::move(start));
+      return;
+    }
+    ++state_->out;
+  }
+  state_->admit(std::move(start));
+}
+
 std::shared_ptr<SerialQueue> SerialQueue::create(std::string label) {
   return std::shared_ptr<SerialQueue>(new SerialQueue(std::move(label)));
 }

@@ -29,6 +29,22 @@ class MainQueue {
 // The shared worker pool behind every serial queue and the HTTP session.
 boost::asio::any_io_executor backgroundExecutor();
 
+// Lets at most `limit` holders in at a time, in arrival order; each keeps its place until it drops its
+// ticket. Thousands of clients that start the same work at once (reconnections after a shared outage)
+// then meet their server, and the main queue, a few dozen at a time instead of all together.
+class AdmissionGate {
+ public:
+  using Ticket = std::shared_ptr<void>;
+
+  explicit AdmissionGate(std::size_t limit);  // limit > 0
+  // Runs `start` on the main queue with a ticket once fewer than `limit` tickets are out.
+  void enter(std::function<void(Ticket)> start);
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   // A task that holds the queue until it calls `done` (e.g. while it waits for an HTTP answer or a

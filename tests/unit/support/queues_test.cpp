@@ -8,6 +8,7 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 using namespace qnbrl;
@@ -94,4 +95,39 @@ TEST(Queues, SyncHelpersRethrowInsteadOfWaitingForEver) {
   q->sync([&] { ++ran; });
   MainQueue::sync([&] { ++ran; });
   EXPECT_EQ(ran, 2);
+}
+
+// Admission posts each start to the main queue at once, so one sync shows every start let in so far.
+TEST(AdmissionGate, LetsInAtMostItsLimitInArrivalOrderUntilTheLastOwnerOfATicketDropsIt) {
+  AdmissionGate gate(2);
+  std::vector<int> admitted;                   // main queue only
+  std::vector<AdmissionGate::Ticket> tickets;  // main queue only
+  for (int i = 0; i < 5; ++i) {
+    gate.enter([&, i](AdmissionGate::Ticket ticket) {
+      EXPECT_TRUE(MainQueue::isCurrent());
+      admitted.push_back(i);
+      tickets.push_back(std::move(ticket));
+    });
+  }
+  auto seen = [&] {
+    std::vector<int> copy;
+    MainQueue::sync([&] { copy = admitted; });
+    return copy;
+  };
+  EXPECT_EQ(seen(), (std::vector<int>{0, 1}));
+
+  // A ticket with two owners keeps its place until both have let go, from any thread.
+  AdmissionGate::Ticket shared;
+  MainQueue::sync([&] { shared = std::exchange(tickets[0], nullptr); });
+  AdmissionGate::Ticket other = shared;
+  shared.reset();
+  EXPECT_EQ(seen(), (std::vector<int>{0, 1}));
+  other.reset();
+  EXPECT_EQ(seen(), (std::vector<int>{0, 1, 2}));
+
+  // Both places given back at once: the next two come in, in order.
+  std::vector<AdmissionGate::Ticket> dropped;
+  MainQueue::sync([&] { dropped = std::exchange(tickets, {}); });
+  dropped.clear();
+  EXPECT_EQ(seen(), (std::vector<int>{0, 1, 2, 3, 4}));
 }
