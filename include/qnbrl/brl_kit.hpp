@@ -164,6 +164,7 @@ class QNBRLKit {
   std::shared_ptr<QNBRLInvitationKit> getBRLInvitationKit();
 
   struct Impl;
+  Impl& impl() { return *impl_; }
 
  private:
   explicit QNBRLKit(std::unique_ptr<Impl> impl);
