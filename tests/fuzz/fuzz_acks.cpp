@@ -220,5 +220,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   // Gone with its channel, the heartbeat is stopped too: nothing is left to run.
   fuzzing::check(fuzzing::clock().pending() == 0);
+  fuzzing::flushTelemetry();
   return 0;
 }

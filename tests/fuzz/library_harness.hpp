@@ -2,6 +2,7 @@
 // What the fuzzers that drive the library share: a process set up so that nothing reaches the network
 // or the disk and time moves only by hand, a reader of the input's pieces, and a drain that runs the
 // main-queue work and every timer an input left behind to completion.
+#include "diagnostics/logan_file_manager.hpp"
 #include "diagnostics/logan_manager.hpp"
 #include "socketio/clock.hpp"
 #include "socketio/codec.hpp"
@@ -41,6 +42,14 @@ inline sio::ManualClock& clock() {
 // Runs what is queued on the main queue now, and what that queues in turn.
 inline void settle() {
   for (int i = 0; i < 2; ++i) qnbrl::MainQueue::sync([] {});
+}
+
+// Waits for the telemetry records an input wrote to be dropped: memory an input leaves to another
+// thread would make every input look like a leak, and each of them cost a leak check.
+inline void flushTelemetry() {
+  static const auto store = std::dynamic_pointer_cast<qnbrl::QNLoganFileManager>(
+      qnbrl::LoganManager::sharedInstance().collectManager()->loganFileManager());
+  store->queue()->sync([] {});
 }
 
 // Runs the main queue and moves time from deadline to deadline until `done` holds; an input that
