@@ -6,11 +6,12 @@
 #include <boost/json/parse.hpp>
 
 namespace qnbrl {
-namespace {
 
-std::optional<std::vector<std::string>> tavernServers(const std::string& body) {
+std::optional<std::vector<std::string>> QNApiHelper::tavernServersOf(const std::optional<std::string>& body,
+                                                                     std::error_code error) {
+  if (!body || error) return std::nullopt;
   boost::system::error_code ec;
-  auto reply = boost::json::parse(body, ec);
+  auto reply = boost::json::parse(*body, ec);
   if (ec || !reply.is_object()) return std::nullopt;
   const auto* code = reply.get_object().if_contains("code");
   if (!code || looseInteger(*code) != 200) return std::nullopt;
@@ -26,18 +27,12 @@ std::optional<std::vector<std::string>> tavernServers(const std::string& body) {
   return servers;
 }
 
-}  // namespace
-
 void QNApiHelper::apiServer(const std::string& apiServer, const std::string& appId, Completion completion) {
   // Joined as plain text: the app id is not escaped.
   QNHttpRequest::getRequest(
       apiServer + "/config/api/v1/brl-server?appId=" + appId,
       [completion = std::move(completion)](std::optional<std::string> data, std::error_code error) {
-        if (!data || error) {
-          completion(std::nullopt);
-          return;
-        }
-        completion(tavernServers(*data));
+        completion(tavernServersOf(data, error));
       });
 }
 

@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace qnbrl {
@@ -14,6 +15,9 @@ class QNApiHelper {
   // The completion runs once, on a background executor. Every failure (transport, time-out, bad
   // JSON, a "code" other than 200, a missing or malformed list) ends in none, without a reason.
   static void apiServer(const std::string& apiServer, const std::string& appId, Completion completion);
+  // What apiServer makes of the HTTP answer (the body whatever the status, or the transport error).
+  static std::optional<std::vector<std::string>> tavernServersOf(const std::optional<std::string>& body,
+                                                                 std::error_code error);
 };
 
 }  // namespace qnbrl

@@ -10,6 +10,7 @@
 #include "peers/peer_messages.hpp"
 #include "peers/presence.hpp"
 #include "peers/user_attributes.hpp"
+#include "support/memory_sender.hpp"
 #include "support/socketio_fixture.hpp"
 #include "transport/request.hpp"
 
@@ -17,45 +18,19 @@
 #include <boost/json.hpp>
 
 #include <fstream>
-#include <mutex>
 #include <vector>
 
 namespace testing_support {
 
-class InMemorySender : public qnbrl::CommandSender {
+// The in-memory sender with a checked answer: answering a request that was never sent fails the test.
+class InMemorySender : public MemorySender {
  public:
-  struct Sent {
-    std::string name;
-    boost::json::object payload;
-    std::vector<sio::BufferPtr> attachments;
-    AckHandler done;
-  };
-
-  void command(const std::string& name, boost::json::object payload, AckHandler done,
-               std::vector<sio::BufferPtr> attachments) override {
-    std::lock_guard lock(mutex_);
-    sent_.push_back({name, std::move(payload), std::move(attachments), std::move(done)});
-  }
-
-  std::vector<Sent> sent(std::string_view name = {}) const {
-    std::lock_guard lock(mutex_);
-    std::vector<Sent> out;
-    for (const auto& s : sent_) {
-      if (name.empty() || s.name == name) out.push_back(s);
-    }
-    return out;
-  }
-  std::size_t count(std::string_view name = {}) const { return sent(name).size(); }
   // Answers the latest request of that name (any name when empty).
   void answer(const boost::json::array& ack, std::string_view name = {}) {
     auto all = sent(name);
     ASSERT_FALSE(all.empty()) << "no request " << name << " to answer";
     all.back().done(sio::Payload{ack, {}});
   }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Sent> sent_;
 };
 
 class FeatureFixture : public ::testing::Test {
