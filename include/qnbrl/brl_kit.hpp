@@ -206,6 +206,7 @@ class QNBRL_EXPORT QNBRLKit {
 
   /// @cond INTERNAL
   struct Impl;
+  Impl& impl() { return *impl_; }
   /// @endcond
 
  private:
