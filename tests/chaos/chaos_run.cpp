@@ -41,6 +41,7 @@ namespace {
 
 constexpr int kScale = 4;             // library time runs this much faster than the wall clock
 constexpr int kServers = 3;           // ws tavern servers
+constexpr int kDrivers = 2;           // application threads
 constexpr const char* kApp = "chaos";
 
 // The steady clock, with every delay divided by kScale and `now` moving kScale times as fast.
@@ -223,7 +224,7 @@ class Random {
 
 class Harness {
  public:
-  Harness(devserver::DevServer& server, int clients, std::uint64_t seed) : server_(server), random_(seed) {
+  Harness(devserver::DevServer& server, int clients) : server_(server) {
     for (int i = 0; i < clients; ++i) users_.push_back("user" + std::to_string(i));
     clients_.resize(users_.size());
   }
@@ -305,16 +306,35 @@ class Harness {
 
   // The application lets go of the client. Its delegates stay alive (kept here), so that a callback
   // that wrongly began after the release would be seen.
-  void destroy(Client& c) {
+  void destroy(Client& c, bool insideCallback = false) {
     graveyard_.push_back(c.delegate);
     graveyard_.push_back(c.channelDelegate);
     graveyard_.push_back(c.invitationDelegate);
     c.channels.clear();
     c.invitations.reset();
     c.sent.clear();
-    c.kit.reset();
-    c.life->released = true;
-    c.kit = nullptr;
+    if (!insideCallback) {
+      c.kit.reset();
+      c.life->released = true;
+      return;
+    }
+    // The last reference goes from inside the client's own completion, unless the call has not
+    // returned yet by then: whichever lets go second sets the flag, after the release.
+    auto holder = std::make_shared<std::shared_ptr<QNBRLKit>>(std::move(c.kit));
+    auto refs = std::make_shared<std::atomic<int>>(2);
+    auto letGo = [life = c.life, refs](std::shared_ptr<QNBRLKit>& kit) {
+      kit.reset();
+      if (--*refs == 0) life->released = true;
+    };
+    auto kit = *holder;
+    auto done = ledger.track("getChannelMemberCount");
+    ++operations;
+    kit->getChannelMemberCount({"ch0"}, [holder, letGo, done](std::optional<std::vector<QNChannelMemberCount>>,
+                                                              int code) {
+      done(code);
+      letGo(*holder);
+    });
+    letGo(kit);
   }
 
   void login(Client& c) {
@@ -350,38 +370,37 @@ class Harness {
     });
   }
 
-  // One random operation of one random client.
-  void operate() {
-    auto index = static_cast<std::size_t>(random_.below(static_cast<int>(clients_.size())));
+  // One random operation of client `index` (each client is driven by one thread only).
+  void operate(Random& random, std::size_t index) {
     Client& c = clients_[index];
     if (!c.kit) return create(c, users_[index]);
-    if (random_.chance(1)) return destroy(c);
-    if (c.life->state == 1 && random_.chance(20)) return revive(c);
+    if (random.chance(1)) return destroy(c, random.chance(50));
+    if (c.life->state == 1 && random.chance(20)) return revive(c);
     ++operations;
     auto& kit = *c.kit;
-    const auto& peer = random_.pick(users_);
-    auto& channel = *c.channels[random_.pick(kChannels)];
+    const auto& peer = random.pick(users_);
+    auto& channel = *c.channels[random.pick(kChannels)];
     auto attributes = [&] {
       std::vector<QNBRLAttribute> list;
-      for (const auto& k : random_.some(kKeys, 3)) list.push_back({k, std::to_string(random_.below(1000))});
+      for (const auto& k : random.some(kKeys, 3)) list.push_back({k, std::to_string(random.below(1000))});
       return list;
     };
     auto message = [&](bool oversize) -> std::shared_ptr<QNBRLMessage> {
       std::string text(oversize ? QNBRLMessageMaxBytes + 1 : 16, 'm');
-      if (!random_.chance(30)) return std::make_shared<QNBRLMessage>(text);
+      if (!random.chance(30)) return std::make_shared<QNBRLMessage>(text);
       auto raw = std::make_shared<QNBRLRawMessage>(
-          std::make_shared<const QNBRLBytes>(static_cast<std::size_t>(random_.below(64)), std::uint8_t{7}));
+          std::make_shared<const QNBRLBytes>(static_cast<std::size_t>(random.below(64)), std::uint8_t{7}));
       raw->text = std::string(16, 'r');
       if (oversize) raw->text = text;
       return raw;
     };
     auto notify = [&]() -> QNBRLKit::Options {
-      if (random_.chance(30)) return std::nullopt;
-      return QNBRLChannelAttributeOptions{random_.chance(50)};
+      if (random.chance(30)) return std::nullopt;
+      return QNBRLChannelAttributeOptions{random.chance(50)};
     };
     auto ignore = [](auto done) { return [done](auto&&... args) { done(std::get<sizeof...(args) - 1>(std::tie(args...))); }; };
 
-    switch (random_.below(30)) {
+    switch (random.below(30)) {
       case 0:
       case 1:
       case 2:
@@ -391,31 +410,31 @@ class Harness {
         return channel.leaveWithCompletion(ledger.track("leave"));
       case 5:
       case 6: {
-        bool oversize = random_.chance(3);
+        bool oversize = random.chance(3);
         return channel.sendMessage(message(oversize), std::nullopt,
                                    ledger.track("sendChannelMessage", oversize, QNBRLChannelMessageErrorTooLarge));
       }
       case 7:
         return channel.getMembersWithCompletion(ignore(ledger.track("getMembers")));
       case 8:
-        return kit.getChannelMemberCount(random_.some(kChannels, 3), ignore(ledger.track("getChannelMemberCount")));
+        return kit.getChannelMemberCount(random.some(kChannels, 3), ignore(ledger.track("getChannelMemberCount")));
       case 9:
         return kit.setChannel(channel.channelId(), attributes(), notify(), ledger.track("setChannel"));
       case 10:
         return kit.addOrUpdateChannel(channel.channelId(), attributes(), notify(), ledger.track("addOrUpdateChannel"));
       case 11:
-        return kit.deleteChannelAttributes(channel.channelId(), random_.some(kKeys, 2), notify(),
+        return kit.deleteChannelAttributes(channel.channelId(), random.some(kKeys, 2), notify(),
                                            ledger.track("deleteChannelAttributes"));
       case 12:
-        return random_.chance(50)
+        return random.chance(50)
                    ? kit.clearChannelAttributes(channel.channelId(), notify(), ledger.track("clearChannelAttributes"))
-                   : kit.getChannelAttributes(channel.channelId(), random_.some(kKeys, 2),
+                   : kit.getChannelAttributes(channel.channelId(), random.some(kKeys, 2),
                                               ignore(ledger.track("getChannelAttributes")));
       case 13:
       case 14: {
-        bool oversize = random_.chance(3);
+        bool oversize = random.chance(3);
         std::optional<QNBRLSendMessageOptions> options;
-        if (random_.chance(50)) options = QNBRLSendMessageOptions{random_.chance(50), false};
+        if (random.chance(50)) options = QNBRLSendMessageOptions{random.chance(50), false};
         return kit.sendMessage(message(oversize), peer, options,
                                ledger.track("sendMessage", oversize, QNBRLPeerMessageErrorTooLarge));
       }
@@ -424,28 +443,28 @@ class Harness {
       case 16:
         return kit.addOrUpdateLocalUserAttributes(attributes(), ledger.track("addOrUpdateLocalUserAttributes"));
       case 17:
-        return kit.deleteLocalUserAttributesByKeys(random_.some(kKeys, 2),
+        return kit.deleteLocalUserAttributesByKeys(random.some(kKeys, 2),
                                                    ledger.track("deleteLocalUserAttributesByKeys"));
       case 18:
-        return random_.chance(30) ? kit.clearLocalUserAttributesWithCompletion(ledger.track("clearLocalUserAttributes"))
+        return random.chance(30) ? kit.clearLocalUserAttributesWithCompletion(ledger.track("clearLocalUserAttributes"))
                                   : kit.getUserAttributes(peer, ignore(ledger.track("getUserAttributes")));
       case 19:
       case 20:
-        return kit.subscribePeersOnlineStatus(random_.some(users_, 3), ledger.track("subscribePeersOnlineStatus"));
+        return kit.subscribePeersOnlineStatus(random.some(users_, 3), ledger.track("subscribePeersOnlineStatus"));
       case 21:
-        return kit.unsubscribePeersOnlineStatus(random_.some(users_, 3), ledger.track("unsubscribePeersOnlineStatus"));
+        return kit.unsubscribePeersOnlineStatus(random.some(users_, 3), ledger.track("unsubscribePeersOnlineStatus"));
       case 22:
-        return random_.chance(50)
-                   ? kit.queryPeersOnlineStatus(random_.some(users_, 3), ignore(ledger.track("queryPeersOnlineStatus")))
-                   : kit.queryPeersBySubscriptionOption(random_.below(2),
+        return random.chance(50)
+                   ? kit.queryPeersOnlineStatus(random.some(users_, 3), ignore(ledger.track("queryPeersOnlineStatus")))
+                   : kit.queryPeersBySubscriptionOption(random.below(2),
                                                         ignore(ledger.track("queryPeersBySubscriptionOption")));
       case 23:
       case 24:
-        return kit.subscribePeersUserAttribes(random_.some(users_, 3), ledger.track("subscribePeersUserAttribes"));
+        return kit.subscribePeersUserAttribes(random.some(users_, 3), ledger.track("subscribePeersUserAttribes"));
       case 25:
-        return kit.unsubscribePeersUserAttribes(random_.some(users_, 3), ledger.track("unsubscribePeersUserAttribes"));
+        return kit.unsubscribePeersUserAttribes(random.some(users_, 3), ledger.track("unsubscribePeersUserAttribes"));
       case 26:
-        return kit.getPeersUserAttributes(random_.some(users_, 3), random_.some(kKeys, 2),
+        return kit.getPeersUserAttributes(random.some(users_, 3), random.some(kKeys, 2),
                                           ignore(ledger.track("getPeersUserAttributes")));
       case 27: {
         auto invitation = QNBRLInvitation::create(c.user, peer);
@@ -456,7 +475,7 @@ class Harness {
       }
       case 28:
         if (c.sent.empty()) return kit.queryPeersBySubscriptionOption(0, ignore(ledger.track("queryPeersBySubscriptionOption")));
-        return c.invitations->cancelInvitation(random_.pick(c.sent), ledger.track("cancelInvitation"));
+        return c.invitations->cancelInvitation(random.pick(c.sent), ledger.track("cancelInvitation"));
       default: {
         std::shared_ptr<QNBRLInvitation> arrived;
         {
@@ -468,7 +487,7 @@ class Harness {
         }
         if (!arrived) return kit.queryPeersOnlineStatus({peer}, ignore(ledger.track("queryPeersOnlineStatus")));
         arrived->setResponseInfo("answer");
-        return random_.chance(50) ? c.invitations->acceptInvitation(arrived, ledger.track("acceptInvitation"))
+        return random.chance(50) ? c.invitations->acceptInvitation(arrived, ledger.track("acceptInvitation"))
                                   : c.invitations->refuseInvitation(arrived, ledger.track("refuseInvitation"));
       }
     }
@@ -568,7 +587,6 @@ class Harness {
 
  private:
   devserver::DevServer& server_;
-  Random random_;
   std::vector<std::string> users_;
   std::vector<Client> clients_;
   std::vector<std::shared_ptr<void>> graveyard_;
@@ -671,7 +689,7 @@ struct Settings {
   int faults = 300;
   int clients = 20;
   int faultMs = 100;  // between faults
-  int opMs = 4;       // between operations
+  int opMs = 8;       // between operations, per application thread
 };
 
 std::optional<Settings> parse(int argc, char** argv) {
@@ -722,7 +740,7 @@ int main(int argc, char** argv) {
 
   // The process-wide singletons come with the first client: the baseline is taken after one.
   {
-    Harness warmUp(server, 1, settings->seed);
+    Harness warmUp(server, 1);
     warmUp.allConnected(10s);
     warmUp.destroyAll();
     waitUntil([] { return ledger.outstanding() == 0; }, 20s);
@@ -730,7 +748,7 @@ int main(int argc, char** argv) {
   const auto threadsBefore = entries("/proc/self/task");
   const auto fdsBefore = entries("/proc/self/fd");
 
-  Harness harness(server, settings->clients, settings->seed);
+  Harness harness(server, settings->clients);
   Injector injector(server, settings->seed ^ 0x9e3779b97f4a7c15ULL);
   std::atomic<bool> stop{false};
   std::thread faults([&] {
@@ -742,10 +760,19 @@ int main(int argc, char** argv) {
     injector.undo(true);
     stop = true;
   });
-  while (!stop) {
-    harness.operate();
-    std::this_thread::sleep_for(std::chrono::milliseconds(settings->opMs));
+  // Two application threads, each driving its own half of the clients.
+  std::vector<std::thread> drivers;
+  for (int d = 0; d < kDrivers; ++d) {
+    drivers.emplace_back([&, d] {
+      Random random(settings->seed + 1 + static_cast<std::uint64_t>(d));
+      const int mine = (settings->clients - d + kDrivers - 1) / kDrivers;  // clients d, d + kDrivers, ...
+      while (!stop && mine > 0) {
+        harness.operate(random, static_cast<std::size_t>(d + kDrivers * random.below(mine)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(settings->opMs));
+      }
+    });
   }
+  for (auto& d : drivers) d.join();
   faults.join();
   const auto chaosEnded = std::chrono::steady_clock::now();
 
