@@ -514,6 +514,10 @@ class Harness {
     std::vector<std::string> out;
     auto apps = server_.model(kApp);
     auto& app = apps[kApp];
+    // Every user is online by now: nothing kept for an offline user may be left undelivered.
+    for (auto& [user, kept] : app.offlineMessages) {
+      if (!kept.empty()) out.push_back(user + ": " + std::to_string(kept.size()) + " kept messages not delivered");
+    }
     for (auto& c : clients_) {
       std::set<std::string> believed, actual;
       for (auto& [id, channel] : c.channels) {
@@ -850,6 +854,8 @@ int main(int argc, char** argv) {
                        {"completions", ledger.completions()},
                        {"delegateCalls", delegateCalls.load()},
                        {"mismatches", differences.size()},
+                       {"threads", {threadsBefore, threadsAfter}},
+                       {"fds", {fdsBefore, fdsAfter}},
                        {"failures", failures.count()},
                        {"chaosSeconds", seconds(started, chaosEnded)},
                        {"totalSeconds", seconds(started, std::chrono::steady_clock::now())}};
