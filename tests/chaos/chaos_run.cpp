@@ -39,9 +39,9 @@ using namespace qnbrl;
 
 namespace {
 
-constexpr int kScale = 4;             // library time runs this much faster than the wall clock
-constexpr int kServers = 3;           // ws tavern servers
-constexpr int kDrivers = 2;           // application threads
+constexpr int kScale = 4;    // library time runs this much faster than the wall clock
+constexpr int kServers = 3;  // ws tavern servers
+constexpr int kDrivers = 2;  // application threads
 constexpr const char* kApp = "chaos";
 
 // The steady clock, with every delay divided by kScale and `now` moving kScale times as fast.
@@ -101,7 +101,7 @@ struct Life {
   std::atomic<int> logins{0};  // successful logins and reconnections
   std::mutex mutex;            // guards the two below
   std::vector<std::shared_ptr<QNBRLInvitation>> arrived;
-  std::string changes;  // the connection states told: "state/reason ..." 
+  std::string changes;  // the connection states told: "state/reason ..."
 
   // A delegate callback or login completion is beginning: not allowed once the release has returned.
   void begin(const char* what) {
@@ -149,7 +149,7 @@ class Ledger {
  private:
   struct Entry {
     std::string op;
-    int sizeCode;                // -1: not oversize
+    int sizeCode;                 // -1: not oversize
     std::shared_ptr<Life> login;  // the client of a login
     int runs = 0;
     int firstCode = -1;
@@ -192,15 +192,35 @@ struct Client {
 
 const std::vector<std::string> kChannels = {"ch0", "ch1", "ch2", "ch3", "ch4", "ch5"};
 const std::vector<std::string> kKeys = {"k0", "k1", "k2", "k3", "k4", "k5", "k6", "k7"};
-const std::vector<std::string> kCommands = {
-    "join", "leave", "channelHeartbeat", "sendChannelMessage", "getChannelMembers", "getChannelMemberCount",
-    "setChannelAttributes", "addOrUpdateChannelAttributes", "deleteChannelAttributesByKeys",
-    "clearChannelAttributes", "getChannelAttributes", "getChannelAttributesByKeys", "sendMessageToPeer",
-    "invitationOp", "setLocalUserAttributes", "addOrUpdateLocalUserAttributes",
-    "deleteLocalUserAttributesByKeys", "clearLocalUserAttributes", "getUserAttributes",
-    "getUserAttributesByKeys", "getPeersUserAttributes", "getPeersUserAttributesByKeys",
-    "subscribePeersUserAttributes", "unsubscribePeersUserAttributes", "subscribePeersOnlineStatus",
-    "unsubscribePeersOnlineStatus", "queryPeersOnlineStatus", "queryPeersBySubscriptionOption", "*"};
+const std::vector<std::string> kCommands = {"join",
+                                            "leave",
+                                            "channelHeartbeat",
+                                            "sendChannelMessage",
+                                            "getChannelMembers",
+                                            "getChannelMemberCount",
+                                            "setChannelAttributes",
+                                            "addOrUpdateChannelAttributes",
+                                            "deleteChannelAttributesByKeys",
+                                            "clearChannelAttributes",
+                                            "getChannelAttributes",
+                                            "getChannelAttributesByKeys",
+                                            "sendMessageToPeer",
+                                            "invitationOp",
+                                            "setLocalUserAttributes",
+                                            "addOrUpdateLocalUserAttributes",
+                                            "deleteLocalUserAttributesByKeys",
+                                            "clearLocalUserAttributes",
+                                            "getUserAttributes",
+                                            "getUserAttributesByKeys",
+                                            "getPeersUserAttributes",
+                                            "getPeersUserAttributesByKeys",
+                                            "subscribePeersUserAttributes",
+                                            "unsubscribePeersUserAttributes",
+                                            "subscribePeersOnlineStatus",
+                                            "unsubscribePeersOnlineStatus",
+                                            "queryPeersOnlineStatus",
+                                            "queryPeersBySubscriptionOption",
+                                            "*"};
 
 class Random {
  public:
@@ -236,15 +256,18 @@ class Harness {
     c.life->user = user;
     c.delegate = std::make_shared<QNBRLDelegate>();
     auto life = c.life;
-    c.delegate->connectionStateChanged = [life](QNBRLKit&, QNBRLConnectionState s, QNBRLConnectionChangeReason r) {
+    c.delegate->connectionStateChanged = [life](QNBRLKit&, QNBRLConnectionState s,
+                                                QNBRLConnectionChangeReason r) {
       life->begin("connectionStateChanged");
       life->state = static_cast<int>(s);
       std::lock_guard lock(life->mutex);
       life->changes += std::to_string(static_cast<int>(s)) + "/" + std::to_string(static_cast<int>(r)) + " ";
-      if (s == QNBRLConnectionState::Connected && r == QNBRLConnectionChangeReason::LoginSucceeded) ++life->logins;
+      if (s == QNBRLConnectionState::Connected && r == QNBRLConnectionChangeReason::LoginSucceeded)
+        ++life->logins;
     };
     c.delegate->tokenDidExpire = [life](QNBRLKit&) { life->begin("tokenDidExpire"); };
-    c.delegate->messageReceived = [life](QNBRLKit&, const std::shared_ptr<QNBRLMessage>&, const std::string&) {
+    c.delegate->messageReceived = [life](QNBRLKit&, const std::shared_ptr<QNBRLMessage>&,
+                                         const std::string&) {
       life->begin("messageReceived");
       ++delegateCalls;
     };
@@ -261,7 +284,8 @@ class Harness {
       life->begin("memberJoined");
       ++delegateCalls;
     };
-    c.channelDelegate->memberLeftReason = [life](QNBRLChannel&, const QNBRLMember&, QNBRLChannelMemberLeftReason) {
+    c.channelDelegate->memberLeftReason = [life](QNBRLChannel&, const QNBRLMember&,
+                                                 QNBRLChannelMemberLeftReason) {
       life->begin("memberLeft");
       ++delegateCalls;
     };
@@ -275,7 +299,8 @@ class Harness {
       ++delegateCalls;
     };
     c.invitationDelegate = std::make_shared<QNBRLInvitationDelegate>();
-    c.invitationDelegate->invitationArrived = [life](QNBRLInvitationKit&, const std::shared_ptr<QNBRLInvitation>& i) {
+    c.invitationDelegate->invitationArrived = [life](QNBRLInvitationKit&,
+                                                     const std::shared_ptr<QNBRLInvitation>& i) {
       life->begin("invitationArrived");
       ++delegateCalls;
       std::lock_guard lock(life->mutex);
@@ -288,8 +313,8 @@ class Harness {
     c.invitationDelegate->invitationCanceled = heard;
     c.invitationDelegate->invitationAccept = heard;
     c.invitationDelegate->invitationRefused = heard;
-    c.invitationDelegate->invitationFailed = [life](QNBRLInvitationKit&, const std::shared_ptr<QNBRLInvitation>&,
-                                                    int) {
+    c.invitationDelegate->invitationFailed = [life](QNBRLInvitationKit&,
+                                                    const std::shared_ptr<QNBRLInvitation>&, int) {
       life->begin("invitationFailed");
       ++delegateCalls;
     };
@@ -307,9 +332,10 @@ class Harness {
   // The application lets go of the client. Its delegates stay alive (kept here), so that a callback
   // that wrongly began after the release would be seen.
   void destroy(Client& c, bool insideCallback = false) {
-    graveyard_.push_back(c.delegate);
-    graveyard_.push_back(c.channelDelegate);
-    graveyard_.push_back(c.invitationDelegate);
+    {
+      std::lock_guard lock(graveyardMutex_);
+      graveyard_.insert(graveyard_.end(), {c.delegate, c.channelDelegate, c.invitationDelegate});
+    }
     c.channels.clear();
     c.invitations.reset();
     c.sent.clear();
@@ -329,11 +355,11 @@ class Harness {
     auto kit = *holder;
     auto done = ledger.track("getChannelMemberCount");
     ++operations;
-    kit->getChannelMemberCount({"ch0"}, [holder, letGo, done](std::optional<std::vector<QNChannelMemberCount>>,
-                                                              int code) {
-      done(code);
-      letGo(*holder);
-    });
+    kit->getChannelMemberCount(
+        {"ch0"}, [holder, letGo, done](std::optional<std::vector<QNChannelMemberCount>>, int code) {
+          done(code);
+          letGo(*holder);
+        });
     letGo(kit);
   }
 
@@ -398,7 +424,9 @@ class Harness {
       if (random.chance(30)) return std::nullopt;
       return QNBRLChannelAttributeOptions{random.chance(50)};
     };
-    auto ignore = [](auto done) { return [done](auto&&... args) { done(std::get<sizeof...(args) - 1>(std::tie(args...))); }; };
+    auto ignore = [](auto done) {
+      return [done](auto&&... args) { done(std::get<sizeof...(args) - 1>(std::tie(args...))); };
+    };
 
     switch (random.below(30)) {
       case 0:
@@ -411,25 +439,28 @@ class Harness {
       case 5:
       case 6: {
         bool oversize = random.chance(3);
-        return channel.sendMessage(message(oversize), std::nullopt,
-                                   ledger.track("sendChannelMessage", oversize, QNBRLChannelMessageErrorTooLarge));
+        return channel.sendMessage(
+            message(oversize), std::nullopt,
+            ledger.track("sendChannelMessage", oversize, QNBRLChannelMessageErrorTooLarge));
       }
       case 7:
         return channel.getMembersWithCompletion(ignore(ledger.track("getMembers")));
       case 8:
-        return kit.getChannelMemberCount(random.some(kChannels, 3), ignore(ledger.track("getChannelMemberCount")));
+        return kit.getChannelMemberCount(random.some(kChannels, 3),
+                                         ignore(ledger.track("getChannelMemberCount")));
       case 9:
         return kit.setChannel(channel.channelId(), attributes(), notify(), ledger.track("setChannel"));
       case 10:
-        return kit.addOrUpdateChannel(channel.channelId(), attributes(), notify(), ledger.track("addOrUpdateChannel"));
+        return kit.addOrUpdateChannel(channel.channelId(), attributes(), notify(),
+                                      ledger.track("addOrUpdateChannel"));
       case 11:
         return kit.deleteChannelAttributes(channel.channelId(), random.some(kKeys, 2), notify(),
                                            ledger.track("deleteChannelAttributes"));
       case 12:
-        return random.chance(50)
-                   ? kit.clearChannelAttributes(channel.channelId(), notify(), ledger.track("clearChannelAttributes"))
-                   : kit.getChannelAttributes(channel.channelId(), random.some(kKeys, 2),
-                                              ignore(ledger.track("getChannelAttributes")));
+        return random.chance(50) ? kit.clearChannelAttributes(channel.channelId(), notify(),
+                                                              ledger.track("clearChannelAttributes"))
+                                 : kit.getChannelAttributes(channel.channelId(), random.some(kKeys, 2),
+                                                            ignore(ledger.track("getChannelAttributes")));
       case 13:
       case 14: {
         bool oversize = random.chance(3);
@@ -441,28 +472,35 @@ class Harness {
       case 15:
         return kit.setLocalUserAttributes(attributes(), ledger.track("setLocalUserAttributes"));
       case 16:
-        return kit.addOrUpdateLocalUserAttributes(attributes(), ledger.track("addOrUpdateLocalUserAttributes"));
+        return kit.addOrUpdateLocalUserAttributes(attributes(),
+                                                  ledger.track("addOrUpdateLocalUserAttributes"));
       case 17:
         return kit.deleteLocalUserAttributesByKeys(random.some(kKeys, 2),
                                                    ledger.track("deleteLocalUserAttributesByKeys"));
       case 18:
-        return random.chance(30) ? kit.clearLocalUserAttributesWithCompletion(ledger.track("clearLocalUserAttributes"))
-                                  : kit.getUserAttributes(peer, ignore(ledger.track("getUserAttributes")));
+        return random.chance(30)
+                   ? kit.clearLocalUserAttributesWithCompletion(ledger.track("clearLocalUserAttributes"))
+                   : kit.getUserAttributes(peer, ignore(ledger.track("getUserAttributes")));
       case 19:
       case 20:
-        return kit.subscribePeersOnlineStatus(random.some(users_, 3), ledger.track("subscribePeersOnlineStatus"));
+        return kit.subscribePeersOnlineStatus(random.some(users_, 3),
+                                              ledger.track("subscribePeersOnlineStatus"));
       case 21:
-        return kit.unsubscribePeersOnlineStatus(random.some(users_, 3), ledger.track("unsubscribePeersOnlineStatus"));
+        return kit.unsubscribePeersOnlineStatus(random.some(users_, 3),
+                                                ledger.track("unsubscribePeersOnlineStatus"));
       case 22:
         return random.chance(50)
-                   ? kit.queryPeersOnlineStatus(random.some(users_, 3), ignore(ledger.track("queryPeersOnlineStatus")))
-                   : kit.queryPeersBySubscriptionOption(random.below(2),
-                                                        ignore(ledger.track("queryPeersBySubscriptionOption")));
+                   ? kit.queryPeersOnlineStatus(random.some(users_, 3),
+                                                ignore(ledger.track("queryPeersOnlineStatus")))
+                   : kit.queryPeersBySubscriptionOption(
+                         random.below(2), ignore(ledger.track("queryPeersBySubscriptionOption")));
       case 23:
       case 24:
-        return kit.subscribePeersUserAttribes(random.some(users_, 3), ledger.track("subscribePeersUserAttribes"));
+        return kit.subscribePeersUserAttribes(random.some(users_, 3),
+                                              ledger.track("subscribePeersUserAttribes"));
       case 25:
-        return kit.unsubscribePeersUserAttribes(random.some(users_, 3), ledger.track("unsubscribePeersUserAttribes"));
+        return kit.unsubscribePeersUserAttribes(random.some(users_, 3),
+                                                ledger.track("unsubscribePeersUserAttribes"));
       case 26:
         return kit.getPeersUserAttributes(random.some(users_, 3), random.some(kKeys, 2),
                                           ignore(ledger.track("getPeersUserAttributes")));
@@ -474,7 +512,9 @@ class Harness {
         return c.invitations->sendInvitation(invitation, ledger.track("sendInvitation"));
       }
       case 28:
-        if (c.sent.empty()) return kit.queryPeersBySubscriptionOption(0, ignore(ledger.track("queryPeersBySubscriptionOption")));
+        if (c.sent.empty())
+          return kit.queryPeersBySubscriptionOption(0,
+                                                    ignore(ledger.track("queryPeersBySubscriptionOption")));
         return c.invitations->cancelInvitation(random.pick(c.sent), ledger.track("cancelInvitation"));
       default: {
         std::shared_ptr<QNBRLInvitation> arrived;
@@ -485,10 +525,11 @@ class Harness {
             c.life->arrived.pop_back();
           }
         }
-        if (!arrived) return kit.queryPeersOnlineStatus({peer}, ignore(ledger.track("queryPeersOnlineStatus")));
+        if (!arrived)
+          return kit.queryPeersOnlineStatus({peer}, ignore(ledger.track("queryPeersOnlineStatus")));
         arrived->setResponseInfo("answer");
         return random.chance(50) ? c.invitations->acceptInvitation(arrived, ledger.track("acceptInvitation"))
-                                  : c.invitations->refuseInvitation(arrived, ledger.track("refuseInvitation"));
+                                 : c.invitations->refuseInvitation(arrived, ledger.track("refuseInvitation"));
       }
     }
   }
@@ -516,7 +557,8 @@ class Harness {
     auto& app = apps[kApp];
     // Every user is online by now: nothing kept for an offline user may be left undelivered.
     for (auto& [user, kept] : app.offlineMessages) {
-      if (!kept.empty()) out.push_back(user + ": " + std::to_string(kept.size()) + " kept messages not delivered");
+      if (!kept.empty())
+        out.push_back(user + ": " + std::to_string(kept.size()) + " kept messages not delivered");
     }
     for (auto& c : clients_) {
       std::set<std::string> believed, actual;
@@ -538,7 +580,8 @@ class Harness {
         for (const auto& i : items) text += " " + i;
         return text;
       };
-      if (believed != actual) out.push_back(c.user + " channels: client" + list(believed) + ", server" + list(actual));
+      if (believed != actual)
+        out.push_back(c.user + " channels: client" + list(believed) + ", server" + list(actual));
       if (mine.attributes != theirs.attributes) {
         std::vector<std::string> a, b;
         for (auto& [k, v] : mine.attributes) a.push_back(k + "=" + v);
@@ -576,8 +619,9 @@ class Harness {
     for (auto& c : clients_) {
       if (c.life->state == 3) continue;
       auto& impl = c.kit->impl();
-      std::cerr << c.user << ": told " << c.life->state << ", state " << impl.stateManager->state() << ", login "
-                << impl.stateManager->login() << ", " << c.kit->getDebugInfo() << ", told " << c.life->changes << "\n";
+      std::cerr << c.user << ": told " << c.life->state << ", state " << impl.stateManager->state()
+                << ", login " << impl.stateManager->login() << ", " << c.kit->getDebugInfo() << ", told "
+                << c.life->changes << "\n";
     }
   }
 
@@ -593,6 +637,7 @@ class Harness {
   devserver::DevServer& server_;
   std::vector<std::string> users_;
   std::vector<Client> clients_;
+  std::mutex graveyardMutex_;  // both application threads release clients
   std::vector<std::shared_ptr<void>> graveyard_;
 };
 
@@ -603,8 +648,8 @@ class Injector {
 
   void inject() {
     static const std::vector<std::string> kinds = {
-        "dropTransport", "disconnect", "kickOff", "refusedLogin", "silentServer", "stopServer",
-        "noAnswer", "tooManyRequests", "rateLimit", "slowAck"};
+        "dropTransport", "disconnect", "kickOff",         "refusedLogin", "silentServer",
+        "stopServer",    "noAnswer",   "tooManyRequests", "rateLimit",    "slowAck"};
     const auto& kind = random_.pick(kinds);
     ++byKind_[kind];
     const int server = random_.below(kServers);
@@ -641,8 +686,10 @@ class Injector {
       // A login to refuse.
       if (auto s = someSocket(); !s.empty()) server_.dropTransport(server, s);
     } else if (kind == "silentServer") {
-      server_.setSilent(server, random_.chance(50) ? devserver::Silence::AfterConnect : devserver::Silence::AfterOpen);
-      later(300 + random_.below(1500), [this, server] { server_.setSilent(server, devserver::Silence::Off); });
+      server_.setSilent(
+          server, random_.chance(50) ? devserver::Silence::AfterConnect : devserver::Silence::AfterOpen);
+      later(300 + random_.below(1500),
+            [this, server] { server_.setSilent(server, devserver::Silence::Off); });
     } else if (kind == "stopServer") {
       if (stopped_.insert(server).second) {
         server_.stopTavern(server);
@@ -660,8 +707,9 @@ class Injector {
       later(200 + random_.below(1000), [this] { server_.setRateLimit(0); });
     } else {
       // Some answers come after the client's time-out (6 s, or 10 s, in library time).
-      server_.scriptCommand(command, devserver::CommandAnswer().after(std::chrono::milliseconds(50 + random_.below(3000)))
-                                         .times(times));
+      server_.scriptCommand(
+          command,
+          devserver::CommandAnswer().after(std::chrono::milliseconds(50 + random_.below(3000))).times(times));
     }
   }
 
@@ -701,12 +749,18 @@ std::optional<Settings> parse(int argc, char** argv) {
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string flag = argv[i];
     auto value = std::strtoull(argv[i + 1], nullptr, 10);
-    if (flag == "--seed") s.seed = value;
-    else if (flag == "--faults") s.faults = static_cast<int>(value);
-    else if (flag == "--clients") s.clients = static_cast<int>(value);
-    else if (flag == "--fault-ms") s.faultMs = static_cast<int>(value);
-    else if (flag == "--op-ms") s.opMs = static_cast<int>(value);
-    else return std::nullopt;
+    if (flag == "--seed")
+      s.seed = value;
+    else if (flag == "--faults")
+      s.faults = static_cast<int>(value);
+    else if (flag == "--clients")
+      s.clients = static_cast<int>(value);
+    else if (flag == "--fault-ms")
+      s.faultMs = static_cast<int>(value);
+    else if (flag == "--op-ms")
+      s.opMs = static_cast<int>(value);
+    else
+      return std::nullopt;
   }
   if (argc % 2 == 0) return std::nullopt;
   return s;
@@ -822,7 +876,8 @@ int main(int argc, char** argv) {
   // Replays run without a completion the application sees: wait, bounded, for the views to meet.
   waitUntil([&] { return (differences = harness.differences()).empty(); }, 20s);
   for (auto& d : differences) failures.add("mismatch: " + d);
-  if (!waitUntil([] { return ledger.outstanding() == 0; }, 30s)) failures.add("requests still outstanding at the end");
+  if (!waitUntil([] { return ledger.outstanding() == 0; }, 30s))
+    failures.add("requests still outstanding at the end");
   ledger.reportMissing();
 
   harness.destroyAll();
@@ -835,8 +890,8 @@ int main(int argc, char** argv) {
       },
       20s);
   if (!back)
-    failures.add("threads " + std::to_string(threadsBefore) + " -> " + std::to_string(threadsAfter) + ", fds " +
-                 std::to_string(fdsBefore) + " -> " + std::to_string(fdsAfter));
+    failures.add("threads " + std::to_string(threadsBefore) + " -> " + std::to_string(threadsAfter) +
+                 ", fds " + std::to_string(fdsBefore) + " -> " + std::to_string(fdsAfter));
 
   json::object kinds;
   long total = 0;
