@@ -226,6 +226,9 @@ class Random {
  public:
   explicit Random(std::uint64_t seed) : engine_(seed) {}
   int below(int n) { return std::uniform_int_distribution<int>(0, n - 1)(engine_); }
+  // A generator of its own for one step, so that what the network decides within a step (how many
+  // choices it takes) leaves the later steps' choices unchanged.
+  Random step() { return Random(engine_()); }
   bool chance(int percent) { return below(100) < percent; }
   template <class T>
   const T& pick(const std::vector<T>& list) {
@@ -397,7 +400,8 @@ class Harness {
   }
 
   // One random operation of client `index` (each client is driven by one thread only).
-  void operate(Random& random, std::size_t index) {
+  void operate(Random& stream, std::size_t index) {
+    auto random = stream.step();
     Client& c = clients_[index];
     if (!c.kit) return create(c, users_[index]);
     if (random.chance(1)) return destroy(c, random.chance(50));
@@ -644,56 +648,56 @@ class Harness {
 // Injects faults through the control interface, each undone (where it lasts) after a while.
 class Injector {
  public:
-  Injector(devserver::DevServer& server, std::uint64_t seed) : server_(server), random_(seed) {}
+  Injector(devserver::DevServer& server, std::uint64_t seed) : server_(server), stream_(seed) {}
 
   void inject() {
+    auto random = stream_.step();
     static const std::vector<std::string> kinds = {
         "dropTransport", "disconnect", "kickOff",         "refusedLogin", "silentServer",
         "stopServer",    "noAnswer",   "tooManyRequests", "rateLimit",    "slowAck"};
-    const auto& kind = random_.pick(kinds);
+    const auto& kind = random.pick(kinds);
     ++byKind_[kind];
-    const int server = random_.below(kServers);
+    const int server = random.below(kServers);
     auto someSocket = [&]() -> std::string {
       auto live = server_.connections(server, true);
       if (live.empty()) return {};
-      return live[static_cast<std::size_t>(random_.below(static_cast<int>(live.size())))].id;
+      return live[static_cast<std::size_t>(random.below(static_cast<int>(live.size())))].id;
     };
     auto later = [&](int ms, std::function<void()> undo) {
       undo_.push_back({std::chrono::steady_clock::now() + std::chrono::milliseconds(ms), std::move(undo)});
     };
-    const auto& command = random_.pick(kCommands);
-    const int times = 1 + random_.below(3);
+    const auto& command = random.pick(kCommands);
+    const int times = 1 + random.below(3);
     if (kind == "dropTransport") {
       if (auto s = someSocket(); !s.empty()) server_.dropTransport(server, s);
     } else if (kind == "disconnect") {
-      if (auto s = someSocket(); !s.empty()) server_.disconnect(server, s, std::nullopt, random_.chance(50));
+      if (auto s = someSocket(); !s.empty()) server_.disconnect(server, s, std::nullopt, random.chance(50));
     } else if (kind == "kickOff") {
       if (auto s = someSocket(); !s.empty()) server_.disconnect(server, s, "KickOff");
     } else if (kind == "refusedLogin") {
       static const std::vector<std::string> texts = {"loginFail: AuthFail", "loginFail: InvalidToken",
                                                      "loginFail: AppForbidden", "loginFail: Whatever"};
       devserver::LoginScript script;
-      if (random_.chance(50)) script.server = server;
+      if (random.chance(50)) script.server = server;
       script.times = times;
-      if (random_.chance(20)) {
+      if (random.chance(20)) {
         script.silent = true;
-      } else if (random_.chance(20)) {
-        script.delay = std::chrono::milliseconds(random_.below(3000));
+      } else if (random.chance(20)) {
+        script.delay = std::chrono::milliseconds(random.below(3000));
       } else {
-        script.fail = random_.pick(texts);
+        script.fail = random.pick(texts);
       }
       server_.scriptLogin(script);
       // A login to refuse.
       if (auto s = someSocket(); !s.empty()) server_.dropTransport(server, s);
     } else if (kind == "silentServer") {
-      server_.setSilent(
-          server, random_.chance(50) ? devserver::Silence::AfterConnect : devserver::Silence::AfterOpen);
-      later(300 + random_.below(1500),
-            [this, server] { server_.setSilent(server, devserver::Silence::Off); });
+      server_.setSilent(server,
+                        random.chance(50) ? devserver::Silence::AfterConnect : devserver::Silence::AfterOpen);
+      later(300 + random.below(1500), [this, server] { server_.setSilent(server, devserver::Silence::Off); });
     } else if (kind == "stopServer") {
       if (stopped_.insert(server).second) {
         server_.stopTavern(server);
-        later(200 + random_.below(2000), [this, server] {
+        later(200 + random.below(2000), [this, server] {
           server_.startTavern(server);
           stopped_.erase(server);
         });
@@ -703,13 +707,13 @@ class Injector {
     } else if (kind == "tooManyRequests") {
       server_.scriptCommand(command, devserver::CommandAnswer().ack({"Too Many Requests"}).times(times));
     } else if (kind == "rateLimit") {
-      server_.setRateLimit(1 + random_.below(5));
-      later(200 + random_.below(1000), [this] { server_.setRateLimit(0); });
+      server_.setRateLimit(1 + random.below(5));
+      later(200 + random.below(1000), [this] { server_.setRateLimit(0); });
     } else {
       // Some answers come after the client's time-out (6 s, or 10 s, in library time).
       server_.scriptCommand(
           command,
-          devserver::CommandAnswer().after(std::chrono::milliseconds(50 + random_.below(3000))).times(times));
+          devserver::CommandAnswer().after(std::chrono::milliseconds(50 + random.below(3000))).times(times));
     }
   }
 
@@ -730,7 +734,7 @@ class Injector {
 
  private:
   devserver::DevServer& server_;
-  Random random_;
+  Random stream_;
   std::map<std::string, long> byKind_;
   std::vector<std::pair<std::chrono::steady_clock::time_point, std::function<void()>>> undo_;
   std::set<int> stopped_;
