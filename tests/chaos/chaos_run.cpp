@@ -13,6 +13,7 @@
 #include "devserver/dev_server.hpp"
 #include "qnbrl/qnbrl.hpp"
 #include "socketio/clock.hpp"
+#include "support/queues.hpp"
 
 #include <boost/json/serialize.hpp>
 
@@ -103,6 +104,13 @@ struct Life {
   std::vector<std::shared_ptr<QNBRLInvitation>> arrived;
   std::string changes;  // the connection states told: "state/reason ..."
 
+  // After the application's release has returned. The library decides to deliver and then delivers,
+  // in one task of its main queue: a callback decided just before the release may still be starting
+  // (one already running may finish), so the mark waits for the main queue's current task.
+  void markReleased() {
+    MainQueue::sync([] {});
+    released = true;
+  }
   // A delegate callback or login completion is beginning: not allowed once the release has returned.
   void begin(const char* what) {
     if (released) failures.add(user + ": " + what + " began after the client was released");
@@ -344,7 +352,7 @@ class Harness {
     c.sent.clear();
     if (!insideCallback) {
       c.kit.reset();
-      c.life->released = true;
+      c.life->markReleased();
       return;
     }
     // The last reference goes from inside the client's own completion, unless the call has not
@@ -353,7 +361,7 @@ class Harness {
     auto refs = std::make_shared<std::atomic<int>>(2);
     auto letGo = [life = c.life, refs](std::shared_ptr<QNBRLKit>& kit) {
       kit.reset();
-      if (--*refs == 0) life->released = true;
+      if (--*refs == 0) life->markReleased();
     };
     auto kit = *holder;
     auto done = ledger.track("getChannelMemberCount");
