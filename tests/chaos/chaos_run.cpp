@@ -118,16 +118,17 @@ struct Life {
 };
 
 // Every request's completions, counted: each must run exactly once; a message over the size limit is
-// told so at once and then completes with the outcome, twice by design; a login's completion of a
-// client released before it came never runs.
+// told so at once and then completes with the outcome, twice by design; the completion of a login or
+// a logout of a client released before it came never runs.
 class Ledger {
  public:
   // A completion callback for request `op`; `oversize`: a body over the size limit, told with `sizeCode`.
   std::function<void(int)> track(std::string op, bool oversize = false, int sizeCode = -1) {
     return add({std::move(op), oversize ? sizeCode : -1, nullptr, 0, -1});
   }
-  std::function<void(int)> trackLogin(const std::shared_ptr<Life>& life) {
-    return add({"login " + life->user, -1, life, 0, -1});
+  // A login or logout: its completion never runs for a client released before it came.
+  std::function<void(int)> trackSession(const char* op, const std::shared_ptr<Life>& life) {
+    return add({op + (" " + life->user), -1, life, 0, -1});
   }
   std::size_t outstanding() const {
     std::lock_guard lock(mutex_);
@@ -157,12 +158,12 @@ class Ledger {
  private:
   struct Entry {
     std::string op;
-    int sizeCode;                 // -1: not oversize
-    std::shared_ptr<Life> login;  // the client of a login
+    int sizeCode;                   // -1: not oversize
+    std::shared_ptr<Life> session;  // the client of a login or logout
     int runs = 0;
     int firstCode = -1;
     int expected() const { return sizeCode >= 0 && firstCode == sizeCode ? 2 : 1; }
-    bool mayBeMissing() const { return runs == 0 && login && login->released; }
+    bool mayBeMissing() const { return runs == 0 && session && session->released; }
   };
   std::function<void(int)> add(Entry entry) {
     std::lock_guard lock(mutex_);
@@ -376,7 +377,7 @@ class Harness {
 
   void login(Client& c) {
     auto life = c.life;
-    auto done = ledger.trackLogin(c.life);
+    auto done = ledger.trackSession("login", c.life);
     ++operations;
     c.kit->loginByToken("token-" + c.user, 1700000000000, c.user, [life, done](int code) {
       life->begin("login completion");
@@ -389,12 +390,12 @@ class Harness {
   void revive(Client& c) {
     if (c.life->state != 1) return;
     if (!c.kit->impl().stateManager->login()) return login(c);
-    auto done = ledger.track("logout");
+    auto done = ledger.trackSession("logout", c.life);
     ++operations;
     std::weak_ptr<QNBRLKit> weak = c.kit;
     auto life = c.life;
     auto user = c.user;
-    auto relogin = ledger.trackLogin(c.life);
+    auto relogin = ledger.trackSession("login", c.life);
     c.kit->logoutWithCompletion([weak, life, user, done, relogin](int code) {
       done(code);
       auto kit = weak.lock();
