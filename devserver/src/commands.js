@@ -10,7 +10,7 @@ const binary = require('./binary');
 const defaultAck = () => [{ result: 0 }];
 
 // Turns a control request's answer description into a rule: {ack:[...]} | {result:n} | {noAnswer:true},
-// each with an optional delayMs before the answer goes out.
+// each with an optional delayMs before the answer goes out; delayMs alone: the model answers, late.
 function ruleFrom(req) {
   const rule = { delayMs: 0 };
   if (req.delayMs !== undefined) {
@@ -20,7 +20,8 @@ function ruleFrom(req) {
   if (Array.isArray(req.ack)) rule.ack = binary.decode(req.ack);
   else if (Number.isInteger(req.result)) rule.ack = [{ result: req.result }];
   else if (req.noAnswer === true) rule.noAnswer = true;
-  else throw new Error('give one of ack (array), result (integer) or noAnswer (true)');
+  else if (rule.delayMs > 0) rule.model = true;
+  else throw new Error('give one of ack (array), result (integer), noAnswer (true) or delayMs alone');
   return rule;
 }
 
@@ -69,24 +70,29 @@ class Commands {
       return;
     }
     const rule = ack && typeof name === 'string' ? this.ruleFor(name) : null;
-    if (rule) {
-      this.answer(rule, ack);
+    if (rule && !rule.model) {
+      this.answer(rule, () => ack(...rule.ack));
       return;
     }
+    // The model's change is made now; only its answer (and the pushes behind it) may come late.
     const reply = this.model ? this.model.handle(socket, name, payload) : null;
-    if (ack) ack(...(reply ? [reply.answer] : defaultAck()));
-    if (reply) reply.deliver();
+    const respond = () => {
+      if (ack) ack(...(reply ? [reply.answer] : defaultAck()));
+      if (reply) reply.deliver();
+    };
+    if (rule) this.answer(rule, respond);
+    else respond();
   }
 
-  answer(rule, ack) {
+  answer(rule, respond) {
     if (rule.noAnswer) return;
     if (rule.delayMs === 0) {
-      ack(...rule.ack);
+      respond();
       return;
     }
     const timer = setTimeout(() => {
       this.timers.delete(timer);
-      ack(...rule.ack);
+      respond();
     }, rule.delayMs);
     this.timers.add(timer);
   }

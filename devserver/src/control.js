@@ -111,7 +111,7 @@ function handlers(world) {
       world.collection.uploads = [];
       for (const t of world.taverns) t.clearRecords();
     },
-    reset: async () => {
+    reset: async (req) => {
       world.commands.resetScripts();
       world.commands.clearRecords();
       world.sessions.resetScripts();
@@ -120,7 +120,7 @@ function handlers(world) {
       world.collection.reset();
       world.http.clearRecords();
       for (const t of world.taverns) t.reset();
-      world.model.reset();
+      if (req.model === undefined || optionalBool(req.model, 'model')) world.model.reset();
       setRunTime(world.options);
       await Promise.all(world.taverns.map((t) => t.start()));
     },

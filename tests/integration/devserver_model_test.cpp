@@ -196,6 +196,31 @@ TEST_F(DevServerModel, AMemberGoneLongerThanTheGraceLeavesWithDisconnect) {
   EXPECT_EQ(model().online, std::vector<std::string>{"a"});
 }
 
+TEST_F(DevServerModel, ADelayAloneChangesTheModelAtOnceAndAnswersLate) {
+  auto a = login("a");
+  auto b = login("b");
+  ASSERT_TRUE(succeeds(*b, "join", ch()));
+  ASSERT_TRUE(server_->scriptCommand("join", CommandAnswer().after(1500ms).times(1)));
+  AckSink late;
+  a->socket().emitWithAck("command", args({"join", ch()}), 6s, late.callback());
+  // Already a member while the answer, and the push behind it, are still to come.
+  ASSERT_TRUE(waitUntil([&] { return model().channels["ch"].members.size() == 2; }));
+  EXPECT_EQ(late.count(), 0u);
+  EXPECT_TRUE(b->recorder().of("MemberJoined").empty());
+  ASSERT_TRUE(waitUntil([&] { return late.count() == 1; }));
+  EXPECT_EQ(late.at(0).args.at(0), (json::object{{"result", 0}}));
+  EXPECT_EQ(first(*b, "MemberJoined"), ch({{"userId", "a"}}));
+}
+
+TEST_F(DevServerModel, AResetKeepingTheModelDropsOnlyTheFaults) {
+  auto a = login("a");
+  ASSERT_TRUE(succeeds(*a, "join", ch()));
+  ASSERT_TRUE(server_->scriptCommand("getChannelMembers", CommandAnswer().none()));
+  ASSERT_TRUE(server_->reset(false));
+  EXPECT_EQ(model().channels["ch"].members, std::vector<std::string>{"a"});
+  EXPECT_EQ(command(*a, "getChannelMembers", ch()), (json::object{{"result", 0}, {"members", {"a"}}}));
+}
+
 TEST_F(DevServerModel, UserAttributeChangesReachSubscribersOnAnyServer) {
   auto w = login("w");
   auto s = login("s", server_->tavernTlsUrls()[0]);

@@ -459,8 +459,8 @@ bool DevServer::clear() {
   return isOk(call({{"cmd", "clear"}}));
 }
 
-bool DevServer::reset() {
-  return isOk(call({{"cmd", "reset"}}));
+bool DevServer::reset(bool emptyModel) {
+  return isOk(call({{"cmd", "reset"}, {"model", emptyModel}}));
 }
 
 // ---- PythonServer ----

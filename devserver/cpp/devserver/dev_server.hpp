@@ -139,7 +139,8 @@ class ScriptedAnswer {
   boost::json::object fields_;
 };
 
-// The answer to "command" requests: CommandAnswer().result(5).times(1).
+// The answer to "command" requests: CommandAnswer().result(5).times(1). after() alone: the service
+// model answers, late (its change is made at once).
 class CommandAnswer : public ScriptedAnswer<CommandAnswer> {
  public:
   CommandAnswer& ack(boost::json::array args) { return set("ack", std::move(args)); }  // exactly these
@@ -330,8 +331,9 @@ class DevServer : public ControlledServer {
   std::vector<Upload> uploads(bool clear = false);  // collection bodies as received
 
   bool clear();  // forget recorded events, commands, logins, requests and uploads
-  // clear(), drop every script, silence off, restart stopped servers, empty the model, options as started
-  bool reset();
+  // clear(), drop every script, silence off, restart stopped servers, empty the model (unless
+  // `emptyModel` is false: the service's state stays, only the faults go), options as started
+  bool reset(bool emptyModel = true);
 
  private:
   std::vector<std::string> tavernUrls_, tavernTlsUrls_;
