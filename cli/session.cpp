@@ -252,7 +252,7 @@ std::optional<std::int64_t> number(const std::string& text) {
   return value;
 }
 
-// One parameter of an argument spec: NAME, [NAME], NAME..., [NAME...] or [--flag]. TEXT takes the rest
+// One parameter of a usage line: NAME, [NAME], NAME..., [NAME...] or [--flag]. TEXT takes the rest
 // of the line as typed.
 struct Param {
   std::string name;
@@ -260,9 +260,9 @@ struct Param {
   bool many = false;
 };
 
-std::vector<Param> parseSpec(std::string_view spec) {
+std::vector<Param> parseUsage(std::string_view usage) {
   std::vector<Param> params;
-  const auto words = splitWords(std::string(spec));
+  const auto words = splitWords(std::string(usage));
   for (auto text : *words) {
     Param p;
     if (text.text.front() == '[') p.optional = true, text.text = text.text.substr(1, text.text.size() - 2);
@@ -817,7 +817,7 @@ Step Session::run(const std::string& input) {
                             std::string(call.command->args) + ")";
 
   // Flags come first, then the parameters in order.
-  const auto params = parseSpec(call.command->args);
+  const auto params = parseUsage(call.command->args);
   std::size_t i = used;
   for (; i < words->size() && (*words)[i].text.starts_with("--"); ++i) {
     const auto& flag = (*words)[i].text;
