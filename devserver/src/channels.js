@@ -60,7 +60,11 @@ class Channels {
   }
 
   createState() {
-    return new Map(); // channelId -> Channel
+    const state = new Map(); // channelId -> Channel
+    // userId -> Set of channelIds it is a member of, so that a user going offline costs its own
+    // memberships, not a scan of every channel (thousands of users drop at once in a storm).
+    state.byUser = new Map();
+    return state;
   }
 
   dispose(state) {
@@ -84,7 +88,8 @@ class Channels {
 
   // The grace period of every membership of a user that has gone offline starts now.
   userOffline(app, state, userId) {
-    for (const [id, channel] of state) {
+    for (const id of state.byUser.get(userId) ?? []) {
+      const channel = state.get(id);
       const member = channel.members.get(userId);
       // A grace period already running (offline, back, offline again without a re-join) goes on.
       if (!member || member.graceTimer) continue;
@@ -116,6 +121,9 @@ class Channels {
     const channel = state.get(channelId);
     clearTimeout(channel.members.get(userId).graceTimer);
     channel.members.delete(userId);
+    const joined = state.byUser.get(userId);
+    joined.delete(channelId);
+    if (joined.size === 0) state.byUser.delete(userId);
     push(channel.others(userId), 'MemberLeft', { channelId, userId, reason });
     this.pushCount(channel, channelId, push);
     this.forget(state, channelId);
@@ -135,6 +143,8 @@ class Channels {
     const channel = this.channel(state, channelId);
     if (this.keep(channel, userId)) return OK;
     channel.members.set(userId, { graceTimer: null });
+    if (!state.byUser.has(userId)) state.byUser.set(userId, new Set());
+    state.byUser.get(userId).add(channelId);
     push(channel.others(userId), 'MemberJoined', { channelId, userId });
     this.pushCount(channel, channelId, push);
     return OK;
