@@ -1,46 +1,13 @@
 #include "support/json.hpp"
 
+#include "socketio/utf8.hpp"
+
 #include <cctype>
 #include <cmath>
 #include <limits>
 
 namespace qnbrl {
 namespace {
-
-bool validUtf8(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size()) {
-    auto c = static_cast<unsigned char>(s[i]);
-    std::size_t len;
-    char32_t cp;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      len = 2;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      len = 3;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      len = 4;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + len > s.size()) return false;
-    for (std::size_t k = 1; k < len; ++k) {
-      auto cc = static_cast<unsigned char>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-    static constexpr char32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[len] || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return false;
-    i += len;
-  }
-  return true;
-}
 
 // Boost.JSON writes any double and passes bytes through; JSON text allows neither non-finite numbers
 // nor invalid UTF-8, so those are the errors that serialisation reports.
@@ -54,7 +21,7 @@ bool writable(const boost::json::array& a) {
 
 bool writable(const boost::json::object& o) {
   for (const auto& kv : o)
-    if (!validUtf8(kv.key()) || !writable(kv.value())) return false;
+    if (!sio::detail::validUtf8(kv.key()) || !writable(kv.value())) return false;
   return true;
 }
 
@@ -63,7 +30,7 @@ bool writable(const boost::json::value& v) {
     case boost::json::kind::double_:
       return std::isfinite(v.get_double());
     case boost::json::kind::string:
-      return validUtf8(v.get_string());
+      return sio::detail::validUtf8(v.get_string());
     case boost::json::kind::array:
       return writable(v.get_array());
     case boost::json::kind::object:

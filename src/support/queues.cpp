@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
+#include <atomic>
 #include <future>
 #include <thread>
 
@@ -14,12 +15,17 @@ namespace qnbrl {
 namespace {
 
 thread_local const void* t_current_queue = nullptr;
+std::atomic<bool> g_by_hand{false};
 
 struct Main {
   boost::asio::io_context ioc{1};
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard{ioc.get_executor()};
   std::thread::id thread_id;
-  Main() {
+  explicit Main(bool byHand) {
+    if (byHand) {
+      thread_id = std::this_thread::get_id();
+      return;
+    }
     std::promise<std::thread::id> started;
     auto id = started.get_future();
     std::thread([this, &started] {
@@ -40,7 +46,7 @@ struct Main {
 
 // Created on first use and never destroyed: nothing depends on static destruction order at exit.
 Main& main_loop() {
-  static auto* m = new Main();
+  static auto* m = new Main(g_by_hand);
   return *m;
 }
 
@@ -79,9 +85,26 @@ void MainQueue::sync(const std::function<void()>& fn) {
   outcome.get();
 }
 
+void MainQueue::runByHand() {
+  g_by_hand = true;
+  main_loop();
+}
+
+std::size_t MainQueue::poll() {
+  std::size_t ran = 0;
+  for (;;) {
+    try {
+      return ran + main_loop().ioc.poll();
+    } catch (...) {
+      ++ran;  // as on the loop's own thread, a throwing handler does not stop the others
+    }
+  }
+}
+
 boost::asio::any_io_executor backgroundExecutor() {
-  static auto* pool = new boost::asio::thread_pool(2);
-  return pool->get_executor();
+  static auto* executor = new boost::asio::any_io_executor(
+      g_by_hand ? MainQueue::executor() : (new boost::asio::thread_pool(2))->get_executor());
+  return *executor;
 }
 
 struct AdmissionGate::State : std::enable_shared_from_this<State> {
@@ -162,7 +185,9 @@ void SerialQueue::cancelPending() {
   tasks_.clear();
 }
 
-bool SerialQueue::isCurrent() const { return t_current_queue == this; }
+bool SerialQueue::isCurrent() const {
+  return t_current_queue == this;
+}
 
 void SerialQueue::schedule() {
   boost::asio::post(backgroundExecutor(), [self = shared_from_this()] { self->runNext(); });
@@ -180,9 +205,7 @@ void SerialQueue::runNext() {
     tasks_.pop_front();
   }
   auto finished = std::make_shared<std::once_flag>();
-  auto done = [self = shared_from_this(), finished] {
-    std::call_once(*finished, [&] { self->schedule(); });
-  };
+  auto done = [self = shared_from_this(), finished] { std::call_once(*finished, [&] { self->schedule(); }); };
   t_current_queue = this;
   try {
     task(done);

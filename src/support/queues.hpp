@@ -24,6 +24,13 @@ class MainQueue {
   // Runs fn on the main queue and waits for it; runs inline when already there. What fn throws is
   // rethrown here.
   static void sync(const std::function<void()>& fn);
+
+  // For fuzzers, which want one input's whole effect on one thread without a hand-over per step: the
+  // main queue and the worker pool become one queue that only poll() runs, on the thread that called
+  // this. Call it before anything else uses a queue; there is no way back.
+  static void runByHand();
+  // Runs every handler that is ready, and those they make ready; returns how many ran.
+  static std::size_t poll();
 };
 
 // The shared worker pool behind every serial queue and the HTTP session.

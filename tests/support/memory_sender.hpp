@@ -6,6 +6,7 @@
 
 #include <boost/json/object.hpp>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -36,7 +37,16 @@ class MemorySender : public qnbrl::CommandSender {
     }
     return out;
   }
-  std::size_t count(std::string_view name = {}) const { return sent(name).size(); }
+  std::size_t count(std::string_view name = {}) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return name.empty() || s.name == name; }));
+  }
+  // The latest request, without copying the others (the fuzzer answers thousands per input).
+  Sent last() const {
+    std::lock_guard lock(mutex_);
+    return sent_.back();
+  }
 
  private:
   mutable std::mutex mutex_;
