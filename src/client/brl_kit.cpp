@@ -32,7 +32,6 @@ void QNBRLKit::Impl::reportState(QNBRLKit& kit, QNBRLConnectionState state,
 }
 
 void QNBRLKit::Impl::release() {
-  released.store(true);
   app->release();
   queue->cancelPending();
   // The application's channel objects outlive the client: their heartbeats stop with it.

@@ -82,7 +82,7 @@ void QNBRLKit::Impl::finishLogin(int code) {
     std::lock_guard lock(mutex);
     pending = std::exchange(loginBlcok, nullptr);
   }
-  if (!released) callApplication(pending, code);
+  if (!app->released()) callApplication(pending, code);
 }
 
 void QNBRLKit::Impl::failOver(std::size_t index) {

@@ -56,7 +56,7 @@ constexpr Route kRoutes[] = {
 }  // namespace
 
 void QNBRLKit::Impl::onEvent(QNBRLKit& kit, std::string_view event, const sio::Payload& data) {
-  if (released) return;
+  if (app->released()) return;
   for (const auto& route : kRoutes) {
     if (route.event == event) return route.handler(*this, kit, data);
   }

@@ -22,7 +22,6 @@
 
 #include <boost/json/object.hpp>
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -80,7 +79,6 @@ struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
 
   // The library's own hold on the kit (the application's references count apart, see create()).
   std::weak_ptr<QNBRLKit> owner;
-  std::atomic<bool> released{false};
   const std::weak_ptr<QNBRLDelegate> delegate;
   const std::shared_ptr<QNBRLStateManager> stateManager;
   // Where completions and delegate callbacks run: the options' executor, when set.
@@ -127,7 +125,7 @@ struct __attribute__((visibility("hidden"))) QNBRLKit::Impl {
 template <class Member, class... Args>
 bool QNBRLKit::Impl::tell(Member QNBRLDelegate::*member, QNBRLKit&, Args&&... args) {
   auto kit = owner.lock();
-  return kit && !released.load() && app->tell(delegate, member, kit, std::forward<Args>(args)...);
+  return kit && app->tell(delegate, member, kit, std::forward<Args>(args)...);
 }
 
 }  // namespace qnbrl

@@ -45,7 +45,7 @@ void QNBRLKit::loginByToken(const std::string& token, std::int64_t timeStamp, co
 
   // Told before discovery starts, so that it always comes before the outcome.
   impl.reportState(*this, QNBRLConnectionState::Connecting, QNBRLConnectionChangeReason::LoginStarted, true);
-  if (impl.released) return;
+  if (impl.app->released()) return;
 
   // Discovery holds the work queue until its answer, so a logout queued behind it waits for it.
   impl.queue->asyncWaiting([weak = impl.owner, config = std::move(config),
@@ -115,7 +115,7 @@ void QNBRLKit::logoutWithCompletion(Completion completion) {
   impl_->queue->asyncWaiting([weak = impl_->owner, started,
                               completion = std::move(completion)](std::function<void()> done) mutable {
     MainQueue::async([weak, started, completion = std::move(completion), done = std::move(done)] {
-      if (auto kit = weak.lock(); kit && !kit->impl_->released) {
+      if (auto kit = weak.lock(); kit && !kit->impl_->app->released()) {
         kit->impl_->cleanResourcesAfterLogout();
         callApplication(completion, QNBRLRequestOk);
         auto& logan = LoganManager::sharedInstance();
