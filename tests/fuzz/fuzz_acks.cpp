@@ -1,5 +1,5 @@
 // Answers every operation's request with a hostile acknowledgement, through the one request path and
-// the in-memory command sender. The input is a series of steps, each led by one byte: its low five bits
+// the in-memory command sender. The input is up to kMaxSteps steps, each led by one byte: its low five bits
 // pick the operation (of the table below, modulo), the next two the number of binary attachments; then
 // the acknowledgement as library_harness.hpp reads a payload (length-prefixed JSON text of the
 // acknowledgement's arguments, then the attachments).
@@ -205,7 +205,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzzing::Input input(data, size);
   {
     Session session;
-    while (!input.done()) {
+    for (int step = 0; step < fuzzing::kMaxSteps && !input.done(); ++step) {
       const auto pick = input.byte();
       auto ack = input.payload(pick >> 5 & 3);
       const auto before = session.sender->count();

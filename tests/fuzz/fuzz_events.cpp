@@ -1,5 +1,5 @@
 // Feeds the events a server pushes, with hostile arguments, through the client's routing table. The
-// input is a flags byte and then a series of events, each led by one byte: its low four bits pick the
+// input is a flags byte and then up to kMaxSteps events, each led by one byte: its low four bits pick the
 // event (of the twelve, modulo), the next two the number of binary attachments; then its payload as
 // library_harness.hpp reads it (length-prefixed JSON text of the arguments, then the attachments).
 // Flags: bit 0, a login is pending; bit 1, every callback of the application throws.
@@ -177,7 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto invitations = kit->getBRLInvitationKit();
   invitations->setDelegate(invitationListener);
 
-  while (!input.done()) {
+  for (int step = 0; step < fuzzing::kMaxSteps && !input.done(); ++step) {
     const auto pick = input.byte();
     auto payload = input.payload(pick >> 4 & 3);
     const std::string_view event = kServerEvents[(pick & 15) % std::size(kServerEvents)];

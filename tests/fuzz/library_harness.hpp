@@ -68,6 +68,10 @@ inline void drain() {
   runUntil([] { return clock().pending() == 0; });
 }
 
+// Steps (events, answers) one input may hold; the rest of it is ignored. Three-byte steps would
+// otherwise pack a hundred reconnections into one input and make it cost a hundred short ones.
+inline constexpr int kMaxSteps = 16;
+
 // The input, read front to back; past its end every read gives zeros.
 class Input {
  public:
