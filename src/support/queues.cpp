@@ -185,9 +185,7 @@ void SerialQueue::cancelPending() {
   tasks_.clear();
 }
 
-bool SerialQueue::isCurrent() const {
-  return t_current_queue == this;
-}
+bool SerialQueue::isCurrent() const { return t_current_queue == this; }
 
 void SerialQueue::schedule() {
   boost::asio::post(backgroundExecutor(), [self = shared_from_this()] { self->runNext(); });
@@ -205,7 +203,9 @@ void SerialQueue::runNext() {
     tasks_.pop_front();
   }
   auto finished = std::make_shared<std::once_flag>();
-  auto done = [self = shared_from_this(), finished] { std::call_once(*finished, [&] { self->schedule(); }); };
+  auto done = [self = shared_from_this(), finished] {
+    std::call_once(*finished, [&] { self->schedule(); });
+  };
   t_current_queue = this;
   try {
     task(done);
