@@ -1,5 +1,5 @@
 // The dev server's model of the service, seen from logged-in Socket.IO clients on different tavern
-// servers: what members hear of each other, what is kept for an offline user, and the answers' codes.
+// servers: what members and subscribers hear of each other, and the answers' codes.
 #include "support/socketio_fixture.hpp"
 
 #include <boost/json/serialize.hpp>
@@ -15,43 +15,29 @@ const std::initializer_list<const char*> kHeard = {"loginSuccess",
                                                    "MemberLeft",
                                                    "ChannelMessageReceived",
                                                    "ChannelAttributesUpdated",
-                                                   "MessageToPeerReceived",
                                                    "PeersOnlineStatusChanged",
                                                    "PeersUserAttributesChanged"};
 const char* const kDeleted = "!!&@#DELETED#@&!!";
 
-struct ModelDevServer {
-  static DevServerOptions options() {
-    DevServerOptions o;
-    o.session = true;
-    return o;
-  }
-};
-
-class DevServerModel : public DevServerSuiteOf<ModelDevServer> {
+class DevServerModel : public DevServerSuiteOf<SessionDevServer> {
  protected:
   // A client of `user` in this test's own app, logged in on `url` (the first ws tavern server when empty).
   std::unique_ptr<Session> login(const std::string& user, std::string url = {}) {
-    sio::Options o;
-    const json::object token{{"token", "tk"}, {"userId", user}, {"timestamp", 1}, {"connectTimeStamp", 2}};
-    o.query = {{"app", "tavern"}, {"roomId", app_}, {"token", json::serialize(token)}};
-    auto s = std::make_unique<Session>(url.empty() ? server_->tavernUrls()[0] : url, o, kHeard);
+    auto s = std::make_unique<Session>(url.empty() ? server_->tavernUrls()[0] : url, loginQuery(user, app_),
+                                       kHeard);
     EXPECT_TRUE(s->recorder().waitFor("loginSuccess"));
     return s;
   }
 
-  // The answer to one command; buffers travel as attachments.
-  static json::value command(Session& s, const std::string& name, json::value payload,
-                             std::vector<sio::BufferPtr> buffers = {}) {
+  // The answer to one command.
+  static json::value command(Session& s, const std::string& name, json::value payload) {
     AckSink sink;
-    s.socket().emitWithAck("command", args({name, std::move(payload)}, std::move(buffers)), 6s,
-                           sink.callback());
+    s.socket().emitWithAck("command", args({name, std::move(payload)}), 6s, sink.callback());
     EXPECT_TRUE(waitUntil([&] { return sink.count() == 1; }));
     return sink.count() ? sink.at(0).args.at(0) : json::value();
   }
-  static bool succeeds(Session& s, const std::string& name, json::value payload,
-                       std::vector<sio::BufferPtr> buffers = {}) {
-    return command(s, name, std::move(payload), std::move(buffers)) == json::value{{"result", 0}};
+  static bool succeeds(Session& s, const std::string& name, json::value payload) {
+    return command(s, name, std::move(payload)) == json::value{{"result", 0}};
   }
   static json::value first(const Session& s, const std::string& event, std::size_t i = 0) {
     return s.recorder().waitFor(event, i + 1) ? s.recorder().of(event).at(i).args.at(0) : json::value();
@@ -75,33 +61,6 @@ class DevServerModel : public DevServerSuiteOf<ModelDevServer> {
 
   const std::string app_ = ::testing::UnitTest::GetInstance()->current_test_info()->name();
 };
-
-TEST_F(DevServerModel, MembersHearJoinsMessagesAcrossServersAndLeaves) {
-  auto a = login("a");
-  auto b = login("b", server_->tavernTlsUrls()[0]);
-  ASSERT_TRUE(succeeds(*a, "join", ch()));
-  ASSERT_TRUE(succeeds(*b, "join", ch()));
-  EXPECT_EQ(first(*a, "MemberJoined"), ch({{"userId", "b"}}));
-  ASSERT_TRUE(succeeds(*b, "join", ch()));  // already a member: nothing to tell
-
-  json::object content{{"text", "hi"}, {"binary", sio::makePlaceholder(0)}};
-  ASSERT_TRUE(succeeds(*a, "sendChannelMessage", ch({{"content", content}, {"option", json::object()}}),
-                       {bytes({1, 2, 3})}));
-  ASSERT_TRUE(b->recorder().waitFor("ChannelMessageReceived"));
-  const auto heard = b->recorder().of("ChannelMessageReceived")[0];
-  const auto& msg = heard.args.at(0).as_object();
-  EXPECT_EQ(msg.at("from"), ch({{"userId", "a"}}));
-  EXPECT_EQ(msg.at("content").at("text"), "hi");
-  EXPECT_TRUE(msg.at("serverReceivedTs").is_number());
-  ASSERT_EQ(heard.buffers.size(), 1u);
-  EXPECT_EQ(*heard.buffers[0], (sio::Buffer{1, 2, 3}));
-  EXPECT_EQ(command(*a, "getChannelMembers", ch()), (json::object{{"result", 0}, {"members", {"a", "b"}}}));
-
-  ASSERT_TRUE(succeeds(*b, "leave", ch()));
-  EXPECT_EQ(first(*a, "MemberLeft"), ch({{"userId", "b"}, {"reason", "Quit"}}));
-  EXPECT_EQ(a->recorder().of("MemberJoined").size(), 1u);
-  EXPECT_TRUE(a->recorder().of("ChannelMessageReceived").empty());  // not sent back to its sender
-}
 
 TEST_F(DevServerModel, AttributeNotificationsReachMembersOnly) {
   auto member = login("m");
@@ -145,31 +104,6 @@ TEST_F(DevServerModel, AnswersCarryTheDocumentedCodes) {
   auto b = login("b");
   EXPECT_EQ(command(*b, "channelHeartbeat", ch()), (json::object{{"result", 5}}));
   EXPECT_EQ(command(*b, "join", ch()), "Too Many Requests");
-}
-
-TEST_F(DevServerModel, KeptPeerMessagesComeRightAfterTheNextLogin) {
-  auto a = login("a");
-  const json::object offline{{"offline", true}};
-  for (const json::value& t : {json::value("one"), json::value()}) {
-    const json::object content{{"text", t}, {"binary", sio::makePlaceholder(0)}};
-    ASSERT_TRUE(succeeds(*a, "sendMessageToPeer",
-                         {{"targetUserId", "d"}, {"content", content}, {"option", offline}}, {bytes({9})}));
-  }
-  ASSERT_EQ(model().offlineMessages["d"].size(), 2u);
-
-  auto d = login("d", server_->tavernUrls()[1]);
-  ASSERT_TRUE(d->recorder().waitFor("MessageToPeerReceived"));
-  const auto heard = d->recorder().heard();
-  ASSERT_EQ(heard.size(), 2u);
-  EXPECT_EQ(heard[0].first, "loginSuccess");
-  const auto& msgs = heard[1].second.args.at(0).at("msgs").as_array();
-  ASSERT_EQ(msgs.size(), 2u);
-  EXPECT_EQ(msgs[0].at("content").at("text"), "one");
-  EXPECT_TRUE(msgs[1].at("content").at("text").is_null());
-  EXPECT_EQ(msgs[1].at("fromUserId"), "a");
-  ASSERT_EQ(heard[1].second.buffers.size(), 2u);
-  EXPECT_EQ(*heard[1].second.buffers[1], sio::Buffer{9});
-  EXPECT_TRUE(model().offlineMessages.empty());
 }
 
 TEST_F(DevServerModel, AMemberGoneLongerThanTheGraceLeavesWithDisconnect) {
@@ -272,8 +206,6 @@ TEST_F(DevServerModel, OnlineStatusPushesFollowEveryPresenceChange) {
   EXPECT_EQ(heardAfterRoundTrip(*s, "PeersOnlineStatusChanged").size(), 5u);
 }
 
-// Subscriptions live while their user is online; attributes stay. A lost connection followed by the
-// client's replay (set the cached attributes, then both subscriptions) gives back the same state.
 TEST_F(DevServerModel, UserCommandsAnswerTheDocumentedReadingsAndCodes) {
   auto a = login("a");
   auto b = login("b", server_->tavernUrls()[1]);

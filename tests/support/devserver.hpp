@@ -68,4 +68,13 @@ struct DefaultDevServer {
 };
 using DevServerSuite = DevServerSuiteOf<DefaultDevServer>;
 
+// The session side on: logins and the model of the service.
+struct SessionDevServer {
+  static DevServerOptions options() {
+    DevServerOptions o;
+    o.session = true;
+    return o;
+  }
+};
+
 }  // namespace testing_support

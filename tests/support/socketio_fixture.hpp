@@ -6,6 +6,7 @@
 #include "support/queues.hpp"
 #include "support/wait.hpp"
 
+#include <boost/json/serialize.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -96,6 +97,20 @@ struct AckSink {
 
 inline sio::Payload args(boost::json::array a, std::vector<sio::BufferPtr> buffers = {}) {
   return sio::Payload{std::move(a), std::move(buffers)};
+}
+
+// The "token" connection parameter of a login.
+inline std::string tokenText(const std::string& token, const std::string& user) {
+  return boost::json::serialize(boost::json::object{
+      {"token", token}, {"userId", user}, {"timestamp", 1700000000123}, {"connectTimeStamp", 42}});
+}
+
+// The connection query of `user`'s login to app `room`.
+inline sio::Options loginQuery(const std::string& user, const std::string& room = "app-1",
+                               const std::string& token = "tk") {
+  sio::Options o;
+  o.query = {{"app", "tavern"}, {"roomId", room}, {"token", tokenText(token, user)}};
+  return o;
 }
 
 inline sio::BufferPtr bytes(std::initializer_list<std::uint8_t> b) { return std::make_shared<const sio::Buffer>(b); }

@@ -39,15 +39,13 @@ class Inbox {
     };
     channel->messageReceived = [add](QNBRLChannel& c, const std::shared_ptr<QNBRLMessage>& m,
                                      const QNBRLMember& from) {
-      auto* raw = dynamic_cast<QNBRLRawMessage*>(m.get());
-      add(c.channelId() + ": " + from.userId + " says " + m->text.value_or("") +
-          (raw ? " +" + std::to_string(raw->rawData->size()) + "B" : ""));
+      add(c.channelId() + ": " + from.userId + says(*m));
     };
     channel->attributeUpdate = [add](QNBRLChannel& c, const std::vector<QNBRLAttribute>& list) {
       add(c.channelId() + ": attributes" + describe(list));
     };
     kit->messageReceived = [add](QNBRLKit&, const std::shared_ptr<QNBRLMessage>& m, const std::string& peer) {
-      add("peer " + peer + " says " + m->text.value_or(""));
+      add("peer " + peer + says(*m));
     };
     kit->peersOnlineStatusChanged = [add](QNBRLKit&, const std::vector<QNBRLPeerOnlineStatus>& statuses) {
       for (auto& s : statuses) add(s.peerId + (s.isOnline ? " online" : " offline"));
@@ -66,6 +64,11 @@ class Inbox {
     invitation->invitationAccept = invited("accept");
     invitation->invitationRefused = invited("refused");
     invitation->invitationFailed = invited("failed");
+  }
+  // " says text", with " +NB" for N bytes of binary content.
+  static std::string says(const QNBRLMessage& m) {
+    auto* raw = dynamic_cast<const QNBRLRawMessage*>(&m);
+    return " says " + m.text.value_or("") + (raw ? " +" + std::to_string(raw->rawData->size()) + "B" : "");
   }
   // Until the line has been heard `times` times.
   bool waitFor(const std::string& line, long times = 1) const {

@@ -58,28 +58,6 @@ TEST_P(ReleaseTest, NothingBeginsOnceTheReleaseHasReturned) {
 INSTANTIATE_TEST_SUITE_P(Client, ReleaseTest,
                          testing::Values(Release::FromAnotherThread, Release::FromTheCallback));
 
-// With the event loop busy in someone else's callback, dropping a connected client (and so its socket
-// manager) returns at once; the connection goes down when the loop is free again.
-TEST_F(SessionTest, ReleaseNeverWaitsForTheEventLoop) {
-  auto kit = makeKit(std::make_shared<QNBRLDelegate>());
-  ASSERT_EQ(login(*kit, "lena"), 0);
-  std::promise<void> busy, free;
-  std::atomic<bool> loopBusy{true};
-  MainQueue::async([&] {
-    busy.set_value();
-    free.get_future().wait_for(10s);
-    loopBusy = false;
-  });
-  busy.get_future().wait();
-  kit.reset();
-  EXPECT_TRUE(loopBusy) << "the release waited for the event loop";
-  free.set_value();
-  MainQueue::sync([] {});  // the blocking task, which uses this frame, has ended
-  EXPECT_TRUE(waitUntil([] { return live(A) == 0; }));
-}
-
-// loginByToken tells (2, 1) on the caller's thread; a delegate that lets go there must not leave the
-// rest of loginByToken on freed memory, and nothing is sent for a client that is gone.
 TEST_F(SessionTest, ReleasedInsideTheFirstReportLoginStopsThere) {
   auto delegate = std::make_shared<QNBRLDelegate>();
   std::shared_ptr<QNBRLKit> kit = makeKit(delegate);

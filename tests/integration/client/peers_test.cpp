@@ -66,6 +66,7 @@ TEST_F(PeersTest, AfterAFailoverTheReplayLeavesTheServerAsItWas) {
     return now.users == before.users && now.channels["room"].members == before.channels["room"].members &&
            now.channels["room"].away.empty();
   }));
+  EXPECT_TRUE(alice->room->joined());
 
   // Still delivering: bob's change and logout reach alice, and her attributes reach bob.
   bob->kit->setLocalUserAttributes({{"x", "1"}}, codes.completion());

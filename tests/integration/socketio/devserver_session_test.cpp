@@ -10,18 +10,6 @@ namespace json = boost::json;
 
 namespace {
 
-std::string tokenText(const std::string& token, const std::string& user) {
-  return json::serialize(json::object{
-      {"token", token}, {"userId", user}, {"timestamp", 1700000000123}, {"connectTimeStamp", 42}});
-}
-
-sio::Options loginQuery(const std::string& user, const std::string& room = "app-1",
-                        const std::string& token = "tk") {
-  sio::Options o;
-  o.query = {{"app", "tavern"}, {"roomId", room}, {"token", tokenText(token, user)}};
-  return o;
-}
-
 // The names of the events a session heard, in order, with the first argument of each.
 std::vector<std::string> heardNames(const Session& s) {
   std::vector<std::string> out;
@@ -30,14 +18,6 @@ std::vector<std::string> heardNames(const Session& s) {
   }
   return out;
 }
-
-struct SessionDevServer {
-  static DevServerOptions options() {
-    DevServerOptions o;
-    o.session = true;
-    return o;
-  }
-};
 
 class DevServerSession : public DevServerSuiteOf<SessionDevServer> {
  protected:

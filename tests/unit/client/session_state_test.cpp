@@ -1,6 +1,5 @@
 #include "transport/wire.hpp"
 #include "client/login_params.hpp"
-#include "client/login_params.hpp"
 #include "support/text.hpp"
 
 #include <gtest/gtest.h>

@@ -158,6 +158,7 @@ TEST_F(LoganFileStore, MoveToBackupKeepsTheNameAndReplacesAnEarlierCopy) {
     EXPECT_EQ(readLines(at("logan_bak/2020_01_01_00_00_00")), Lines{content});
   }
   store->moveToBackupWithFilePath(at("logan/nothing"));
+  EXPECT_FALSE(fs::exists(at("logan_bak/nothing")));
 }
 
 TEST_F(LoganFileStore, UnusableDirectoryOrVanishedWorkingFileDropsRecordsQuietly) {
