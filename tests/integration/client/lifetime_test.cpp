@@ -58,6 +58,8 @@ TEST_P(ReleaseTest, NothingBeginsOnceTheReleaseHasReturned) {
 INSTANTIATE_TEST_SUITE_P(Client, ReleaseTest,
                          testing::Values(Release::FromAnotherThread, Release::FromTheCallback));
 
+// loginByToken tells (2, 1) on the caller's thread; a delegate that lets go there must not leave the
+// rest of loginByToken on freed memory, and nothing is sent for a client that is gone.
 TEST_F(SessionTest, ReleasedInsideTheFirstReportLoginStopsThere) {
   auto delegate = std::make_shared<QNBRLDelegate>();
   std::shared_ptr<QNBRLKit> kit = makeKit(delegate);
